@@ -1,0 +1,29 @@
+# Warnings, hardening and sanitizers, the same for every target of the project.
+
+add_compile_options(-Wall -Wextra -Wshadow -Wconversion -fno-omit-frame-pointer)
+if(NASCTRL_WERROR)
+    add_compile_options(-Werror)
+endif()
+
+# Calls of the library's own exported functions go through the dynamic linker, so that a host may put its own in their
+# place. GCC keeps this by default, clang only on request.
+if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    add_compile_options(-fsemantic-interposition)
+endif()
+
+if(NASCTRL_SANITIZE STREQUAL "address")
+    add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined)
+    add_link_options(-fsanitize=address,undefined)
+elseif(NASCTRL_SANITIZE STREQUAL "thread")
+    add_compile_options(-fsanitize=thread)
+    add_link_options(-fsanitize=thread)
+elseif(CMAKE_BUILD_TYPE STREQUAL "Release" OR CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
+    add_compile_options(-D_FORTIFY_SOURCE=2 -fstack-protector-strong)
+    add_link_options(-Wl,-z,relro,-z,now)
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE)
+    set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
