@@ -31,10 +31,13 @@ NASCTRL_API uint32_t nas_ctrl_remove_from_cluster_list(uint64_t id);
 
 NASCTRL_API uint16_t nas_ctrl_get_cluster_list_count(void);
 
-/* Stores the ids in slot order into out (room for 8) and their number through n. Returns 0. */
+/* Stores the ids in slot order into out (room for 8) and their number through n. Returns 0; 1 for a null output. */
 NASCTRL_API uint32_t nas_ctrl_get_cluster_list(uint64_t *out, uint16_t *n);
 
-/* Prints count and ids into buf (size bytes, NUL included), cut to fit; returns the number of characters written. */
+/*
+ * Prints count and ids into buf (size bytes, NUL included), cut to fit. Returns the number of characters written, 0 for
+ * a size of 0 or less; 1 for a null buf.
+ */
 NASCTRL_API int64_t nas_ctrl_get_cluster_count_list(char *buf, long size);
 
 NASCTRL_END_DECLS

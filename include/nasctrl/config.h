@@ -49,7 +49,10 @@ NASCTRL_API uint32_t getLocalLsID(void);
 NASCTRL_API uint32_t getLocalLsIDByWwn(uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t);
 /* The LS id of the cluster's master; 1 while there is none. */
 NASCTRL_API uint32_t GetMasterNodeId(void);
-/* Fills pairs (room for max) with {configured LS id, local LS id} and stores their number. 0, or the host's code. */
+/*
+ * Fills pairs (room for max) with {configured LS id, local LS id} and stores their number. 0, the host's code, or 1
+ * without memory.
+ */
 NASCTRL_API uint32_t CTRL_GetCfgLsList(uint32_t *pairs, uint32_t max, uint32_t *count);
 
 /* ---- fixed answers ---- */

@@ -42,7 +42,11 @@ NASCTRL_API int32_t nas_ctrl_handler_reg(void);
  */
 NASCTRL_API uint32_t NasCtrlClusterInit(void);
 
-/* The CM client's callbacks, for the host to hand to its CM library. The command callback returns 0. */
+/*
+ * The CM client's callbacks, for the host to hand to its CM library; each tells the consumers in the order of their
+ * entries. Event and command stay the host's and are at least 4 bytes long. The command callback returns 0, or 1 for a
+ * null command.
+ */
 NASCTRL_API void NasCtrlHandleClusterEvent(void *event);
 NASCTRL_API uint32_t NasCtrlHandleCmCommand(void *cmd);
 NASCTRL_API void NasCtrlHandleCmStatus(void);
@@ -65,7 +69,10 @@ NASCTRL_API void NasCtrlRegTracePoint(void);
 /* Registers the module; a refusal is only logged. */
 NASCTRL_API void NasCtrlIpServiceInit(void);
 
-/* The module's handler: opcode 1 is a notice, 2 asks for a fixed 8-byte reply, 3 asks for nothing. 0, or an error. */
+/*
+ * The module's handler: opcode 1 is a notice, 2 asks for a fixed 8-byte reply, 3 asks for nothing. Returns 0, what
+ * sending the reply returned, or 1 for an empty message or an unknown opcode.
+ */
 NASCTRL_API uint32_t NasCtrlIpServiceDispatch(svr_msg_t *record);
 
 /*

@@ -60,7 +60,8 @@ typedef struct {
 /* Prepares view and task list, registers as CM consumer 1, starts the task thread. 0, or the thread's failure code. */
 NASCTRL_API uint32_t NasCtrlDpcClusterInit(void);
 
-/* Completes a subscription: stores ret in waiter and posts it; what sem_post returned. */
+/* Completes a subscription: stores ret in waiter and posts it. What sem_post returned; -1 for a null waiter. Any
+ * thread. */
 NASCTRL_API int32_t NasSubsDpcViewResultCb(dpc_subscribe_waiter *waiter, int32_t ret);
 
 /*
