@@ -1,0 +1,23 @@
+/*
+ * The reference host's memory pool: malloc with an account per allocating function.
+ */
+#pragma once
+
+#include <cstdint>
+#include <nasctrl/host/memory.h>
+#include <string>
+#include <vector>
+
+namespace host {
+
+struct MemoryAccount {
+    std::string func;
+    uint64_t liveBlocks;
+    uint64_t liveBytes;
+    uint64_t totalBlocks; // ever allocated
+};
+
+// One row per function that ever allocated, by name. From any thread.
+std::vector<MemoryAccount> memoryAccounts();
+
+} // namespace host
