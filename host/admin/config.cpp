@@ -18,7 +18,7 @@ constexpr uint32_t kAddressSize = 256;
 constexpr uint32_t kShortTextSize = 128;
 constexpr uint32_t kPortListSize = 896; // what getEbsIpPortList asks of its caller
 constexpr uint32_t kLongTextSize = 64 * 1024;
-constexpr uint32_t kMaxLsPairs = 256;
+constexpr size_t kMaxLsPairs = 256;
 
 // A getter behind one form: its result, and the value as text when the result is 0.
 using Reader = uint32_t (*)(std::string &value);
@@ -88,8 +88,8 @@ uint32_t cfgLsList(std::string &value)
 {
     std::array<uint32_t, 2 * kMaxLsPairs> pairs{};
     uint32_t count = 0;
-    const uint32_t result = CTRL_GetCfgLsList(pairs.data(), kMaxLsPairs, &count);
-    const size_t used = 2 * static_cast<size_t>(std::min(count, kMaxLsPairs));
+    const uint32_t result = CTRL_GetCfgLsList(pairs.data(), static_cast<uint32_t>(kMaxLsPairs), &count);
+    const size_t used = 2 * std::min<size_t>(count, kMaxLsPairs);
     for (size_t i = 0; i < used; i += 2) {
         value += (i == 0 ? "" : ",") + std::to_string(pairs.at(i)) + ":" + std::to_string(pairs.at(i + 1));
     }
