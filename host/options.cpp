@@ -249,7 +249,8 @@ std::string lineOf(const std::string &file, const std::string &name, const std::
     return file + ": ";
 }
 
-void applyAll(NodeOptions &options, const OptionRow &row, const std::vector<std::string> &texts, const std::string &file)
+void applyAll(NodeOptions &options, const OptionRow &row, const std::vector<std::string> &texts,
+              const std::string &file)
 {
     for (const std::string &text : texts) {
         try {

@@ -15,13 +15,13 @@ namespace host {
 namespace {
 
 class MutexHold {
-  public:
+public:
     explicit MutexHold(pthread_mutex_t &mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
     ~MutexHold() { pthread_mutex_unlock(&m_mutex); }
     MutexHold(const MutexHold &) = delete;
     MutexHold &operator=(const MutexHold &) = delete;
 
-  private:
+private:
     pthread_mutex_t &m_mutex;
 };
 

@@ -25,7 +25,10 @@ struct Step {
     const char *name;
     // 0, or the code of the failure; or throws std::exception with one clear line.
     int32_t (*run)(const NodeOptions &options);
+    void (*stop)() = nullptr;
 };
+
+std::vector<const Step *> s_stepsToStop; // in the order of their start; main thread only
 
 void makeSocketDirectory(const std::string &socketPath)
 {
@@ -78,7 +81,8 @@ constexpr Step kSteps[] = {
      [](const NodeOptions &o) {
          configureModules(o.modules);
          return 0;
-     }},
+     },
+     closeModules},
     {"adapters",
      [](const NodeOptions &o) {
          configureAdapters(o.adapters);
@@ -90,7 +94,8 @@ constexpr Step kSteps[] = {
      [](const NodeOptions &o) {
          startMessageService(o.messages);
          return 0;
-     }},
+     },
+     stopMessageService},
     {"nas_ctrl_cluster_list_init", [](const NodeOptions &) { return done(nas_ctrl_cluster_list_init); }},
     {"DpcInitExternStub", [](const NodeOptions &) { return static_cast<int32_t>(DpcInitExternStub()); }},
     {"extern_stub_init", [](const NodeOptions &) { return static_cast<int32_t>(extern_stub_init()); }},
@@ -104,13 +109,15 @@ constexpr Step kSteps[] = {
     {"NasIpMgrInitModule", [](const NodeOptions &) { return NasIpMgrInitModule(nullptr); }},
     {"NasLifMgrModuleStart", [](const NodeOptions &) { return static_cast<int32_t>(NasLifMgrModuleStart()); }},
     {"HdfsGetIpRegister", [](const NodeOptions &) { return HdfsGetIpRegister(); }},
-    {"nas_ctrl_power_on", [](const NodeOptions &) { return nas_ctrl_power_on(nullptr, nullptr); }},
+    {"nas_ctrl_power_on", [](const NodeOptions &) { return nas_ctrl_power_on(nullptr, nullptr); },
+     [] { nas_ctrl_power_off(nullptr, nullptr); }},
     {"nas_ctrl_power_on_success", [](const NodeOptions &) { return done(nas_ctrl_power_on_success); }},
     {"admin server",
      [](const NodeOptions &o) {
          startAdminServer(o.adminSocket);
          return 0;
-     }},
+     },
+     stopAdminServer},
 };
 
 void runStep(const Step &step, const NodeOptions &options)
@@ -129,6 +136,9 @@ void runStep(const Step &step, const NodeOptions &options)
         HOST_LOG(NASCTRL_LOG_ERROR, "start: %s", why.c_str());
         throw std::runtime_error(why);
     }
+    if (step.stop != nullptr) {
+        s_stepsToStop.push_back(&step);
+    }
 }
 
 } // namespace
@@ -142,13 +152,11 @@ void startNode(const NodeOptions &options)
 
 void stopNode()
 {
-    HOST_LOG(NASCTRL_LOG_PROGRESS, "stop: power off");
-    nas_ctrl_power_off(nullptr, nullptr);
-    HOST_LOG(NASCTRL_LOG_PROGRESS, "stop: doors");
-    stopAdminServer();
-    stopMessageService();
-    closeModules();
-    HOST_LOG(NASCTRL_LOG_PROGRESS, "stop: done");
+    for (; !s_stepsToStop.empty(); s_stepsToStop.pop_back()) {
+        const Step &step = *s_stepsToStop.back();
+        HOST_LOG(NASCTRL_LOG_PROGRESS, "stop: %s", step.name);
+        step.stop();
+    }
     flushLog();
 }
 

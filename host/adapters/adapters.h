@@ -14,11 +14,11 @@ namespace host {
 constexpr size_t kMaxNodeName = 63;
 
 struct AdapterSettings {
-    std::string nodeName;                                   // empty = the machine's host name
-    std::vector<uint32_t> lsIds;                            // the configured LS ids, the node's own among them
-    std::map<uint32_t, std::string> tenants;                // name by id
+    std::string nodeName;                                    // empty = the machine's host name
+    std::vector<uint32_t> lsIds;                             // the configured LS ids, the node's own among them
+    std::map<uint32_t, std::string> tenants;                 // name by id
     std::map<std::string, uint32_t, std::less<>> controlIps; // LS id by control address
-    bool hasStorage = false;                                // a storage-side service answers for the node's addresses
+    bool hasStorage = false;                                 // a storage-side service answers for the node's addresses
 };
 
 // Once, before the library starts; read without a lock from then on.

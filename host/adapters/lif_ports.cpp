@@ -19,8 +19,7 @@ std::set<uint64_t> s_perfPorts;
 
 const NasLifPortEntry *entryOf(const void *link)
 {
-    return reinterpret_cast<const NasLifPortEntry *>(static_cast<const char *>(link) -
-                                                     offsetof(NasLifPortEntry, link));
+    return reinterpret_cast<const NasLifPortEntry *>(static_cast<const char *>(link) - offsetof(NasLifPortEntry, link));
 }
 
 void collectBucket(NasLifPortBucket &bucket, std::vector<LifPort> &ports)

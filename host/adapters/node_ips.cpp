@@ -19,7 +19,7 @@ constexpr uint32_t kWorking = 1;
 
 // The list's lock, waited for a bounded time: the monitor can do without one answer, but must not stop.
 class ListHold {
-  public:
+public:
     ListHold()
     {
         timespec until{};
@@ -37,7 +37,7 @@ class ListHold {
     ListHold &operator=(const ListHold &) = delete;
     [[nodiscard]] bool held() const { return m_held; }
 
-  private:
+private:
     bool m_held = false;
 };
 
