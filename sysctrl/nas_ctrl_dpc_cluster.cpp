@@ -97,7 +97,7 @@ int32_t startLwt(void (*body)(void *), void *arg)
 /* A zeroed task that is in no list; null without memory. */
 dpc_event_task *newTask(const char *func)
 {
-    auto *task = static_cast<dpc_event_task *>(nas_mem_comm_zalloc(sizeof(dpc_event_task), func, __LINE__));
+    auto *task = nas::poolNew<dpc_event_task>(func, __LINE__);
     if (task == nullptr) {
         LOG_LINE_AS(func, NASCTRL_LOG_ERROR, "Dpc event task alloc failed.");
         return nullptr;
