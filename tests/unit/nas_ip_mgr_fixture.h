@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <mutex>
 #include <nasctrl/ip_manager.h>
+#include <nasctrl/lif_port.h>
 #include <string>
 #include <sys/socket.h>
 #include <vector>
@@ -129,7 +130,8 @@ protected:
     {
         fake::reset();
         faults::reset();
-        g_iplistHead = {&g_iplistHead, &g_iplistHead};
+        forgetRecords();
+        lifPorts_ = 0;
         g_floatIpSupport = 1;
         g_periodLength = 60;
         g_setPeriodNotifyFunc = nullptr;
@@ -148,16 +150,30 @@ protected:
     {
         fake::joinThreads();
         expectNothingHeld();
-        g_iplistHead = {&g_iplistHead, &g_iplistHead};
+        forgetRecords();
         fake::reset();
     }
 
-    static void expectNothingHeld()
+    // The records of an earlier test were blocks of an earlier pool.
+    static void forgetRecords()
+    {
+        g_iplistHead = {&g_iplistHead, &g_iplistHead};
+        g_NfsLifPortInfo.buckets = nullptr;
+    }
+
+    // A LIF port, which its table allocates under the table's spin lock.
+    void addLifPort(uint64_t id, const char *addr)
+    {
+        ++lifPorts_;
+        nas_lifport_add_update(id, "port", addr, 1);
+    }
+
+    void expectNothingHeld() const
     {
         EXPECT_EQ(fake::locksHeld(), 0);
         EXPECT_TRUE(isFree(&g_ipListMutex));
         EXPECT_TRUE(isFree(&g_ipSockIpLockMutex));
-        EXPECT_THAT(fake::callsUnderSpinLock(), ::testing::IsEmpty());
+        EXPECT_EQ(fake::callsUnderSpinLock(), Texts(lifPorts_, "nas_mem_comm_alloc"));
     }
 
     // Starts the module with both of its threads held, and empty queues.
@@ -181,13 +197,16 @@ protected:
     // The event handler thread, until it has slept so many times.
     static bool runHandler(int sleeps = 1)
     {
-        fake::during("kvos_msleep", [left = sleeps]() mutable {
-            if (--left == 0) {
+        fake::during("kvos_msleep", [&] {
+            if (--sleeps == 0) {
                 throw fake::Stop{};
             }
         });
         return fake::runUntilStopped([] { NasIpMgrIpEventHandle(nullptr); });
     }
+
+private:
+    size_t lifPorts_ = 0;
 };
 
 } // namespace ip

@@ -146,6 +146,6 @@ TEST_P(IpRoads, EndWellWhicheverAllocationOfTheMonitorsPassFails)
 }
 
 INSTANTIATE_TEST_SUITE_P(All, IpRoads, testing::ValuesIn(roads()),
-                         [](const testing::TestParamInfo<Road> &info) { return std::string(info.param.name); });
+                         [](const testing::TestParamInfo<Road> &row) { return std::string(row.param.name); });
 
 } // namespace
