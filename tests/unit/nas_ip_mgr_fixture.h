@@ -3,6 +3,7 @@
 #pragma once
 
 #include "nas_ip_mgr_faults.h"
+#include <algorithm>
 #include <array>
 #include <fake_host.h>
 #include <gmock/gmock.h>
@@ -85,6 +86,12 @@ inline Texts withEnding(Texts texts, const std::string &ending)
 inline void fillUpTo(void *record, size_t from, size_t to, char byte)
 {
     std::fill(static_cast<char *>(record) + from, static_cast<char *>(record) + to, byte);
+}
+
+inline Texts sorted(Texts texts)
+{
+    std::sort(texts.begin(), texts.end());
+    return texts;
 }
 
 // ---- hooks: each answers its module's result, and what it was told is kept as "<module> <event> <address> <family>"
