@@ -28,7 +28,7 @@ namespace host {
 namespace {
 
 // Room for the library's largest local buffers, several calls deep. Pages are taken only as they are touched.
-constexpr size_t kStackSize = 512 * 1024;
+constexpr size_t kStackSize = 512UL * 1024;
 // How long stopLwt waits for a worker whose fiber is busy or blocked.
 constexpr std::chrono::seconds kStopPatience{2};
 

@@ -1,6 +1,6 @@
 /*
  * The light-weight thread functions of the contract, passed on to the back end that startLwt chose. Callable from
- * every thread; nothing is locked.
+ * every thread, but for startLwt and stopLwt, which belong to the thread that runs the host; nothing is locked.
  */
 #include "lwt/lwt.h"
 
@@ -12,12 +12,20 @@
 #include <nasctrl/host/platform.h>
 #include <stdexcept>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
 constinit std::atomic<host::LightThreads *> g_running{nullptr};
 constinit std::atomic<uintptr_t> g_lastHandle{0};
 thread_local host::LightThreads *t_current = nullptr;
+
+// Stopped back ends, to which their parked threads still refer.
+std::vector<host::LightThreads *> &stoppedBackends()
+{
+    static auto &kept = *new std::vector<host::LightThreads *>;
+    return kept;
+}
 
 // A handle is a number that nobody looks behind: a light-weight thread's record may be gone before its handle is.
 void *nextHandle()
@@ -56,6 +64,7 @@ void host::stopLwt()
 {
     if (LightThreads *running = g_running.exchange(nullptr)) {
         running->stop();
+        stoppedBackends().push_back(running);
     }
 }
 

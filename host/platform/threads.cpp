@@ -71,7 +71,7 @@ int32_t kvos_thrd_create(void *(*body)(void *), void *arg, unsigned long *thread
     // glibc stores the id before it lets the thread run; storing it here afterwards could come after the body's end.
     const int result = pthread_create(thread_id, DetachedAttributes().get(), runNamed, start.get());
     if (result == 0) {
-        start.release(); // runNamed owns it now
+        static_cast<void>(start.release()); // runNamed owns it now
     }
     return result;
 }

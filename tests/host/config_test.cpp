@@ -13,7 +13,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::IsEmpty;
 
 // Both readers, seen alike.
@@ -47,7 +46,7 @@ protected:
     }
     std::string write(const std::string &name, const std::string &text) const
     {
-        const std::string path = directory / name;
+        std::string path = directory / name;
         std::ofstream(path, std::ios::binary) << text;
         return path;
     }

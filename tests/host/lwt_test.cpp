@@ -167,12 +167,14 @@ TEST_P(Lwt, StartsLightWeightThreadsFromLightWeightThreads)
 
 TEST_P(Lwt, StartsFromManyThreadsAtOnce)
 {
-    constexpr int kEach = 50;
-    std::latch done(4 * kEach);
+    constexpr ptrdiff_t kStarters = 4;
+    constexpr ptrdiff_t kEach = 50;
+    std::latch done(kStarters * kEach);
     std::function<void()> body = [&] { done.count_down(); };
     {
         std::vector<std::jthread> starters;
-        for (int index = 0; index < 4; index++) {
+        starters.reserve(kStarters);
+        for (int index = 0; index < kStarters; index++) {
             starters.emplace_back([&] {
                 for (int turn = 0; turn < kEach; turn++) {
                     EXPECT_EQ(start(body), 0);
