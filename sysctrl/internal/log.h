@@ -18,7 +18,8 @@
 #define LOG_PROGRESS(...) LOG_LINE(NASCTRL_LOG_PROGRESS, __VA_ARGS__)
 #define LOG_INFO(...) LOG_LINE(NASCTRL_LOG_INFO, __VA_ARGS__)
 /* A line whose level the host chooses by its class. */
-#define LOG_CLASS(log_class, ...) LOG_LINE(nas_log_map_get(log_class), __VA_ARGS__)
+#define LOG_CLASS_AS(func, log_class, ...) LOG_LINE_AS(func, nas_log_map_get(log_class), __VA_ARGS__)
+#define LOG_CLASS(log_class, ...) LOG_CLASS_AS(__func__, log_class, __VA_ARGS__)
 
 /* Argument checks: the argument's name, and the error that is returned. */
 #define LOG_NULL_AS(func, name, error, value)                                                                          \
@@ -31,9 +32,13 @@
 #define LOG_FAILED_RETURN_AS(func, condition, result)                                                                  \
     LOG_LINE_AS(func, NASCTRL_LOG_ERROR, "%s is failed, return %s!!!!!!!!!!!!", (condition), (result))
 #define LOG_FAILED_RETURN(condition, result) LOG_FAILED_RETURN_AS(__func__, condition, result)
-#define LOG_FAILED_GOTO(condition, label) LOG_ERROR("%s is failed, goto %s!!!!!!!!!!!!", (condition), (label))
-#define LOG_FAILED_CODE_GOTO(condition, code, label)                                                                   \
-    LOG_ERROR("%s is failed(%ld), goto %s!!!!!!!!!!!!", (condition), static_cast<long>(code), (label))
+#define LOG_FAILED_GOTO_AS(func, condition, label)                                                                     \
+    LOG_LINE_AS(func, NASCTRL_LOG_ERROR, "%s is failed, goto %s!!!!!!!!!!!!", (condition), (label))
+#define LOG_FAILED_GOTO(condition, label) LOG_FAILED_GOTO_AS(__func__, condition, label)
+#define LOG_FAILED_CODE_GOTO_AS(func, condition, code, label)                                                          \
+    LOG_LINE_AS(func, NASCTRL_LOG_ERROR, "%s is failed(%ld), goto %s!!!!!!!!!!!!", (condition),                        \
+                static_cast<long>(code), (label))
+#define LOG_FAILED_CODE_GOTO(condition, code, label) LOG_FAILED_CODE_GOTO_AS(__func__, condition, code, label)
 
 namespace nas {
 
