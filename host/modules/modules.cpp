@@ -116,7 +116,7 @@ int serve(Address &address, int fd, const std::string &greeting)
 {
     if (!greeter) {
         close(fd);
-        return ESHUTDOWN;
+        return ECANCELED;
     }
     address.listener = greeter->add(fd, greeting);
     return address.listener != 0 ? 0 : errno;
