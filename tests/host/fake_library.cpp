@@ -1,12 +1,13 @@
 #include "fake_library.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <list>
-#include <memory>
+#include <nasctrl/host/cluster.h>
 #include <nasctrl/host/log.h>
 #include <nasctrl/host/memory.h>
 #include <nasctrl/nasctrl.h>
