@@ -12,11 +12,9 @@
 #include <nasctrl/host/cluster.h>
 #include <nasctrl/ip_manager.h>
 #include <node.h>
-#include <thread>
 
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
