@@ -61,7 +61,8 @@ std::string path(const std::string &text)
     if (text.empty()) {
         throw std::invalid_argument("an empty text is not a path, leave the option out instead");
     }
-    return std::filesystem::absolute(text).lexically_normal().string();
+    const auto whole = std::filesystem::absolute(text).lexically_normal();
+    return (whole.has_filename() ? whole : whole.parent_path()).string(); // "DIR/" is DIR
 }
 
 std::pair<std::string, std::string> cut(const std::string &text, char separator, const char *form)

@@ -1,10 +1,8 @@
 // Both routines hold g_ipSockIpLockMutex, so that no addition, deletion or monitor pass runs while the door moves. The
 // door is the library's own switch: with it off, addresses are listed with an empty status, as waiting for every
-// module, which is also what a closed service leaves behind, so that opening announces them all.
+// module. A closed service leaves the same behind, so that opening announces them all.
 
 #include "power.h"
-
-#include "modules/modules.h"
 
 #include <atomic>
 #include <mutex>
@@ -30,28 +28,33 @@ void setDoor(uint32_t open)
     std::atomic_ref(g_floatIpSupport).store(open);
 }
 
-void forgetAnnouncements()
+// Has the modules close every listed address, and leaves the address as one that waits for all of them.
+void withdrawAddresses()
 {
     const MutexHold list(g_ipListMutex);
     for (void *link = g_iplistHead.next; link != &g_iplistHead; link = static_cast<list_link *>(link)->next) {
-        static_cast<NasIpListNode *>(link)->status = 0; // a node begins with its link
+        auto *node = static_cast<NasIpListNode *>(link); // a node begins with its link
+        uint32_t told = 0;
+        NasIpMgrInvokeEvent(NAS_IP_EVENT_DELETE, node->addr, node->protoType, &told, 0);
+        node->status = 0;
     }
 }
 
+// The service is up when this returns, so it reports that itself, whoever switched it on.
 int32_t openDoor(void *, void *)
 {
     const MutexHold pass(g_ipSockIpLockMutex);
     setDoor(1);
     NasRetryPendingAddNotification();
+    nas_ctrl_power_on_success();
     return 0;
 }
 
 int32_t shutDoor(void *, void *)
 {
     const MutexHold pass(g_ipSockIpLockMutex);
+    withdrawAddresses(); // through the door, so before it is shut
     setDoor(0);
-    forgetAnnouncements();
-    closeModules();
     return 0;
 }
 

@@ -111,7 +111,6 @@ constexpr Step kSteps[] = {
     {"HdfsGetIpRegister", [](const NodeOptions &) { return HdfsGetIpRegister(); }},
     {"nas_ctrl_power_on", [](const NodeOptions &) { return nas_ctrl_power_on(nullptr, nullptr); },
      [] { nas_ctrl_power_off(nullptr, nullptr); }},
-    {"nas_ctrl_power_on_success", [](const NodeOptions &) { return done(nas_ctrl_power_on_success); }},
     {"admin server",
      [](const NodeOptions &o) {
          startAdminServer(o.adminSocket);
@@ -154,7 +153,7 @@ void stopNode()
 {
     for (; !s_stepsToStop.empty(); s_stepsToStop.pop_back()) {
         const Step &step = *s_stepsToStop.back();
-        HOST_LOG(NASCTRL_LOG_PROGRESS, "stop: %s", step.name);
+        HOST_LOG(NASCTRL_LOG_PROGRESS, "stop: undo %s", step.name);
         step.stop();
     }
     flushLog();

@@ -27,7 +27,7 @@ struct LifRow {
     uint64_t id;
     uint64_t time;
     uint32_t index;
-    char name[260];
+    char name[264];
     char ip[48];
     uint32_t reserved;
 };

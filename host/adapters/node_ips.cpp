@@ -14,7 +14,9 @@
 
 namespace {
 
-constexpr time_t kListWaitSeconds = 1;
+constexpr long kListWaitMs = 100;
+constexpr long kNsPerMs = 1000000;
+constexpr long kNsPerSecond = 1000000000;
 constexpr uint32_t kWorking = 1;
 
 // The list's lock, waited for a bounded time: the monitor can do without one answer, but must not stop.
@@ -24,7 +26,9 @@ public:
     {
         timespec until{};
         clock_gettime(CLOCK_MONOTONIC, &until);
-        until.tv_sec += kListWaitSeconds;
+        until.tv_nsec += kListWaitMs * kNsPerMs;
+        until.tv_sec += until.tv_nsec / kNsPerSecond;
+        until.tv_nsec %= kNsPerSecond;
         m_held = pthread_mutex_clocklock(&g_ipListMutex, CLOCK_MONOTONIC, &until) == 0;
     }
     ~ListHold()
@@ -73,7 +77,7 @@ int32_t listOwnAddresses(node_ip_list **list)
 {
     const ListHold hold;
     if (!hold.held()) {
-        HOST_LOG(NASCTRL_LOG_ERROR, "adapters: the address list stayed locked for %ld s", kListWaitSeconds);
+        HOST_LOG(NASCTRL_LOG_ERROR, "adapters: the address list stayed locked for %ld ms", kListWaitMs);
         return -EBUSY;
     }
     const uint32_t count = countNodes();

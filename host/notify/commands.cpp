@@ -31,11 +31,15 @@ bool needsValue(const Command &command)
     return command.usage.find(" -v") != std::string::npos;
 }
 
-// A result above 0 is the answer's length; a buffer that still holds the operator's text holds no answer.
-std::string answerIn(const std::string &buffer, const std::string &value, int32_t result)
+// A result above 0 is the answer's length, which is a success; unless the buffer still holds the operator's text, and
+// so no answer: then it is the code of a failure, as any other.
+CommandAnswer answerIn(const std::string &buffer, const std::string &value, int32_t result)
 {
     const std::string text = buffer.c_str();
-    return result > 0 && text != value ? text.substr(0, static_cast<size_t>(result)) : "";
+    if (result <= 0 || text == value) {
+        return {result, ""};
+    }
+    return {0, text.substr(0, static_cast<size_t>(result))};
 }
 
 } // namespace
@@ -74,7 +78,7 @@ std::optional<CommandAnswer> runCommand(const std::string &module, const std::st
     std::string buffer = text;
     buffer.resize(kTextSize);
     const int32_t result = command->handler(buffer.data(), static_cast<uint32_t>(buffer.size()));
-    return CommandAnswer{result, answerIn(buffer, text, result)};
+    return answerIn(buffer, text, result);
 }
 
 } // namespace host

@@ -12,11 +12,9 @@
 #include <nasctrl/host/cluster.h>
 #include <nasctrl/ip_manager.h>
 #include <node.h>
-#include <thread>
 
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -27,14 +25,15 @@ protected:
     {
         fake::reset();
         host::setNodeIdentity({7, "", "1.0.0"});
-        configure({});
+        configure([](host::AdapterSettings &) {});
     }
-    void configure(host::AdapterSettings settings)
+    // Node 7 of LS ids 5 and 7, and what change makes of that.
+    static void configure(void (*change)(host::AdapterSettings &settings))
     {
+        host::AdapterSettings settings;
         settings.nodeName = "node-seven";
-        if (settings.lsIds.empty()) {
-            settings.lsIds = {5, 7};
-        }
+        settings.lsIds = {5, 7};
+        change(settings);
         host::configureAdapters(settings);
     }
 };
@@ -84,7 +83,7 @@ TEST_F(Adapters, FillTheEdsNameFromTheConfiguration)
 TEST_F(Adapters, RefuseAnEdsViewThatLacksTheNodeItself)
 {
     EXPECT_EQ(NasCtrInitClusterEdsViewAdapter(), NAS_OK);
-    configure({.lsIds = {1, 2}});
+    configure([](host::AdapterSettings &settings) { settings.lsIds = {1, 2}; });
     EXPECT_EQ(NasCtrInitClusterEdsViewAdapter(), NAS_ERROR);
     EXPECT_THAT(fake::library().lines,
                 ElementsAre("3 adapters: the LS id 7 of this node is not among the configured LS ids"));
@@ -158,7 +157,7 @@ TEST_F(Adapters, ListTheConfiguredLsIdsUpToTheCallersRoom)
 
 TEST_F(Adapters, TellTheOwnerOfAConfiguredControlAddress)
 {
-    configure({.controlIps = {{"127.0.0.9", 3}}});
+    configure([](host::AdapterSettings &settings) { settings.controlIps = {{"127.0.0.9", 3}}; });
     uint32_t ls = 0;
     EXPECT_EQ(CTRL_GetEdsLsidByCtrlIp("127.0.0.9", &ls), 0);
     EXPECT_EQ(ls, 3U);
@@ -280,7 +279,7 @@ TEST_F(Adapters, GiveUpOnAListThatStaysLocked)
     pthread_mutex_lock(&g_ipListMutex);
     EXPECT_EQ(currentList(-EBUSY), nullptr);
     pthread_mutex_unlock(&g_ipListMutex);
-    EXPECT_THAT(fake::library().lines, ElementsAre("3 adapters: the address list stayed locked for 1 s"));
+    EXPECT_THAT(fake::library().lines, ElementsAre("3 adapters: the address list stayed locked for 100 ms"));
 }
 
 TEST_F(Adapters, AnswerNothingWithoutMemory)
@@ -291,7 +290,7 @@ TEST_F(Adapters, AnswerNothingWithoutMemory)
 
 TEST_F(Adapters, AskTheStorageSideWhenThereIsOne)
 {
-    configure({.hasStorage = true});
+    configure([](host::AdapterSettings &settings) { settings.hasStorage = true; });
     EXPECT_EQ(currentList(-110), nullptr);
     EXPECT_THAT(fake::library().calls, ElementsAre("GetCurNodeIpList()"));
 }
@@ -354,7 +353,7 @@ TEST_F(ControlMessages, TellTheController)
 
 TEST_F(ControlMessages, TellTheNameOfAConfiguredTenant)
 {
-    configure({.tenants = {{4, "blue"}}});
+    configure([](host::AdapterSettings &settings) { settings.tenants = {{4, "blue"}}; });
     EXPECT_EQ(ask(NasCtrlGetTenantNameByTenantID, {47, 4}), bytes({word(0), word(4), field("blue", 64)}));
 }
 
@@ -381,8 +380,8 @@ TEST_F(ControlMessages, ListLifPortsByIndex)
     fake::addPort(44, 2, 2000, "lif-a", "10.0.0.1");
     EXPECT_EQ(ask(NasCtrlGetLifInfoAdapter, {40}),
               bytes({word(2), word(2), word(0), word(0),                                                 //
-                     wide(44), wide(2000), word(2), field("lif-a", 260), field("10.0.0.1", 48), word(0), //
-                     wide(300), wide(1000), word(5), field("lif-b", 260), field("10.0.0.2", 48), word(0)}));
+                     wide(44), wide(2000), word(2), field("lif-a", 264), field("10.0.0.1", 48), word(0), //
+                     wide(300), wide(1000), word(5), field("lif-b", 264), field("10.0.0.2", 48), word(0)}));
 }
 
 TEST_F(ControlMessages, ListLifPortsFromTheGivenIndexOn)
@@ -391,7 +390,7 @@ TEST_F(ControlMessages, ListLifPortsFromTheGivenIndexOn)
     fake::addPort(44, 2, 2000, "lif-a", "10.0.0.1");
     EXPECT_EQ(ask(NasCtrlGetLifInfoAdapter, {40, 3}),
               bytes({word(2), word(1), word(0), word(0), //
-                     wide(300), wide(1000), word(5), field("lif-b", 260), field("10.0.0.2", 48), word(0)}));
+                     wide(300), wide(1000), word(5), field("lif-b", 264), field("10.0.0.2", 48), word(0)}));
 }
 
 TEST_F(ControlMessages, CutAListOfLifPortsThatFillsAReplyAndTellWhereToGoOn)

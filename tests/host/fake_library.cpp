@@ -1,12 +1,13 @@
 #include "fake_library.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <list>
-#include <memory>
+#include <nasctrl/host/cluster.h>
 #include <nasctrl/host/log.h>
 #include <nasctrl/host/memory.h>
 #include <nasctrl/nasctrl.h>
@@ -171,6 +172,13 @@ void NasRetryPendingAddNotification()
     fake::record("NasRetryPendingAddNotification() with door " + std::to_string(g_floatIpSupport));
 }
 
+uint32_t NasIpMgrInvokeEvent(uint32_t event, const char *addr, uint32_t protoType, uint32_t *mask, uint32_t)
+{
+    return fake::record("NasIpMgrInvokeEvent(" + std::to_string(event) + ", " + addr + ", " +
+                        std::to_string(protoType) + ", " + std::to_string(*mask) + ") with door " +
+                        std::to_string(g_floatIpSupport));
+}
+
 int64_t nas_ctrl_get_cluster_count_list(char *buf, long size)
 {
     return snprintf(buf, static_cast<size_t>(size), "Cluster list count : 0\n");
@@ -184,6 +192,11 @@ uint32_t nas_ctrl_add_to_cluster_list(uint64_t id)
 uint32_t nas_ctrl_remove_from_cluster_list(uint64_t id)
 {
     return fake::record("nas_ctrl_remove_from_cluster_list(" + std::to_string(id) + ")");
+}
+
+void nas_ctrl_power_on_success()
+{
+    fake::record("nas_ctrl_power_on_success()");
 }
 
 int32_t nas_ctrl_power_reg(nas_power_fn start, nas_power_fn stop)
@@ -254,11 +267,6 @@ uint32_t logThreshold()
 void setLogThreshold(uint32_t level)
 {
     fake::library().logThreshold = level;
-}
-
-void closeModules()
-{
-    fake::record("closeModules() with door " + std::to_string(g_floatIpSupport));
 }
 
 } // namespace host

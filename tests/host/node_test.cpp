@@ -15,7 +15,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::StartsWith;
 
 TEST(Node, KnowsItsIdentity)
 {
@@ -64,20 +63,31 @@ TEST_F(Power, ShutsTheDoorUntilTheServiceIsSwitchedOn)
     EXPECT_EQ(g_floatIpSupport, 1U);
 }
 
-TEST_F(Power, AnnouncesWaitingAddressesOnceTheDoorIsOpen)
+TEST_F(Power, AnnouncesWaitingAddressesOnceTheDoorIsOpenAndReportsThatTheServiceIsUp)
 {
     host::registerPower();
     g_nas_power_mgr.start(nullptr, nullptr);
     EXPECT_THAT(fake::library().calls,
-                ElementsAre("nas_ctrl_power_reg()", "NasRetryPendingAddNotification() with door 1"));
+                ElementsAre("nas_ctrl_power_reg()", "NasRetryPendingAddNotification() with door 1",
+                            "nas_ctrl_power_on_success()"));
 }
 
-TEST_F(Power, ClosesEveryModuleBehindAShutDoorAndKeepsTheAddressesForTheNextStart)
+TEST_F(Power, HasTheModulesCloseEveryAddressBeforeTheDoorIsShut)
 {
     host::registerPower();
     g_nas_power_mgr.start(nullptr, nullptr);
+    fake::library().calls.clear();
     EXPECT_EQ(g_nas_power_mgr.stop(nullptr, nullptr), 0);
-    EXPECT_EQ(fake::library().calls.back(), "closeModules() with door 0");
+    EXPECT_THAT(fake::library().calls, ElementsAre("NasIpMgrInvokeEvent(1, 127.0.0.1, 3, 0) with door 1",
+                                                   "NasIpMgrInvokeEvent(1, 127.0.0.2, 3, 0) with door 1"));
+    EXPECT_EQ(g_floatIpSupport, 0U);
+}
+
+TEST_F(Power, KeepsTheAddressesAsWaitingForTheNextStart)
+{
+    host::registerPower();
+    g_nas_power_mgr.start(nullptr, nullptr);
+    g_nas_power_mgr.stop(nullptr, nullptr);
     EXPECT_EQ(statusOf(0), 0U);
     EXPECT_EQ(statusOf(1), 0U);
 }
