@@ -38,7 +38,8 @@ static const json &getterNamed(const json &getters, const std::string &name)
     for (const json &getter : getters) {
         names.push_back(getter.at("name").get<std::string>());
     }
-    throw UsageFailure(name + ": no such getter" + suggestion(name, names));
+    const std::string meant = suggestion(name, names);
+    throw UsageFailure(name + ": no such getter" + (meant.empty() ? "; nasctl config lists them" : meant));
 }
 
 static std::string chosen(const std::string &answer, const Words &names)

@@ -13,6 +13,8 @@
 namespace ctl {
 
 using nlohmann::json;
+// For what is printed: members in the order in which they are put in.
+using OrderedJson = nlohmann::ordered_json;
 
 constexpr uint32_t kNoticeModule = 18;
 constexpr uint32_t kNoticeOpcode = 1;
@@ -52,13 +54,13 @@ static std::string objection(const MessageAnswer &answer, const std::string &not
     return "";
 }
 
-static std::string resultsText(const Session &session, const json &results, const std::string &done)
+static std::string resultsText(const Session &session, const OrderedJson &results, const std::string &done)
 {
     if (session.json) {
-        return json{{"results", results}}.dump() + "\n";
+        return OrderedJson{{"results", results}}.dump() + "\n";
     }
     std::string text;
-    for (const json &result : results) {
+    for (const OrderedJson &result : results) {
         if (result.at("queued").get<bool>()) {
             text += result.at("address").get<std::string>() + ": " + done + "\n";
         }
@@ -70,7 +72,7 @@ static int announce(const Session &session, const char *key, const Words &addres
 {
     checkAddresses(addresses);
     MessageClient client(session);
-    json results = json::array();
+    OrderedJson results = OrderedJson::array();
     int code = kDone;
     const auto refuse = [&](const std::string &address, const std::string &why) {
         results.push_back({{"address", address}, {"queued", false}, {"error", why}});
@@ -129,7 +131,8 @@ static std::string addressTable(const json &answer, bool colour)
     if (addresses.empty()) {
         return "no addresses\n";
     }
-    Table table({{"ADDRESS"}, {"TYPE", Align::right}, {"STATUS"}, {"ACCEPTED BY"}, {"PENDING"}, {"FAILING"}});
+    Table table(
+        {{"ADDRESS"}, {"TYPE", Align::right}, {"STATUS", Align::right}, {"ACCEPTED BY"}, {"PENDING"}, {"FAILING"}});
     for (const json &address : addresses) {
         std::vector<Cell> row = {shown(address.at("address")), shown(address.at("protocol_type")),
                                  shown(address.at("status"))};
