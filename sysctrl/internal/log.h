@@ -32,9 +32,13 @@
 #define LOG_FAILED_RETURN_AS(func, condition, result)                                                                  \
     LOG_LINE_AS(func, NASCTRL_LOG_ERROR, "%s is failed, return %s!!!!!!!!!!!!", (condition), (result))
 #define LOG_FAILED_RETURN(condition, result) LOG_FAILED_RETURN_AS(__func__, condition, result)
-#define LOG_FAILED_GOTO(condition, label) LOG_ERROR("%s is failed, goto %s!!!!!!!!!!!!", (condition), (label))
-#define LOG_FAILED_CODE_GOTO(condition, code, label)                                                                   \
-    LOG_ERROR("%s is failed(%ld), goto %s!!!!!!!!!!!!", (condition), static_cast<long>(code), (label))
+#define LOG_FAILED_GOTO_AS(func, condition, label)                                                                     \
+    LOG_LINE_AS(func, NASCTRL_LOG_ERROR, "%s is failed, goto %s!!!!!!!!!!!!", (condition), (label))
+#define LOG_FAILED_GOTO(condition, label) LOG_FAILED_GOTO_AS(__func__, condition, label)
+#define LOG_FAILED_CODE_GOTO_AS(func, condition, code, label)                                                          \
+    LOG_LINE_AS(func, NASCTRL_LOG_ERROR, "%s is failed(%ld), goto %s!!!!!!!!!!!!", (condition),                        \
+                static_cast<long>(code), (label))
+#define LOG_FAILED_CODE_GOTO(condition, code, label) LOG_FAILED_CODE_GOTO_AS(__func__, condition, code, label)
 
 namespace nas {
 

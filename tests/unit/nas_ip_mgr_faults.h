@@ -1,0 +1,26 @@
+// Faults below the host's functions: the bounded copies, the formatted print and the semaphore that the IP manager uses
+// can be told to fail. Linking nas_ip_mgr_faults.cpp puts its definitions in front of the libraries' own.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <vector>
+
+namespace faults {
+
+void reset();
+
+// The next clearing of memory, or cut copy of a text, fails with this code.
+void failNextClear(int error);
+void failNextCutCopy(int error);
+// The nth print with exactly this format fails (1 = the next).
+void failPrint(const char *format, int nth);
+
+// The next waits on a semaphore fail with these errno values, in order, and count nothing down.
+void failWaits(const std::vector<int> &errors);
+// Runs at the start of every wait.
+void duringWait(std::function<void()> action);
+// How many waits there were since reset.
+size_t waits();
+
+} // namespace faults
