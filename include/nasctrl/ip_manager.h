@@ -48,7 +48,7 @@ NASCTRL_API uint32_t NasIpMgrIsIpPresent(const char *addr);
 NASCTRL_API uint32_t NasIpMgrIsIpPresentStrict(const char *addr, uint32_t protoType);
 /* AF_INET, AF_INET6, or 0 for a text that is neither. */
 NASCTRL_API uint32_t NasIpMgrGetIpFamily(const char *addr);
-/* Prints a line per record, cut to buflen bytes; the length of the text, or -22 for a null buf. */
+/* Prints a line per record, cut to buflen bytes, NUL included; the length of the text, or -22 for a null buf. */
 NASCTRL_API int64_t NasIpMgrShowAllIp(char *buf, uint32_t buflen);
 NASCTRL_API void NasIpMgrShowAllIpToLog(void);
 NASCTRL_API uint32_t NasIpMgrIsSupportFloatIP(void);
@@ -91,7 +91,10 @@ NASCTRL_API uint32_t NasIpMgrAddNewNotifyEvent(uint32_t tenantId, uint32_t event
 
 /* Merges all queued notices by tenant and hands them to the host in one call. */
 NASCTRL_API void NasIpMgrNotifyEventHandle(void);
-/* The event handler thread's body. */
+/*
+ * The event handler thread's body; returns only before NasIpMgrInitModule. Additions wait until the queue is empty and
+ * are then applied together; deletions are applied at once. An event of any other type is neither handled nor freed.
+ */
 NASCTRL_API void *NasIpMgrIpEventHandle(void *arg);
 
 /* ---- start and the monitor ---- */
@@ -138,15 +141,21 @@ typedef struct {
 /* Adds one address and tells the modules. The first form expects g_ipSockIpLockMutex to be held. 0, -22, or 1. */
 NASCTRL_API int32_t NasIpMgrAddNewIPWithoutLock(const char *addr, uint32_t protoType);
 NASCTRL_API int32_t NasIpMgrAddNewIPInner(const char *addr, uint32_t protoType);
-/* Add the queued additions of a list and free them: one after the other, or up to 25 at a time. */
+/*
+ * Add the queued additions (NasIpEvent) of a list and free them: one after the other, or count of them, up to 25 at a
+ * time. Without memory the second form leaves the events where they are.
+ */
 NASCTRL_API void NasIpMgrAddNewIpOneByOne(list_link *pending);
 NASCTRL_API void NasIpMgrAddNewIpBatchInner(list_link *pending, uint32_t count);
 /* Adds the working addresses of a list, up to 25 at a time; g_ipSockIpLockMutex is held. */
 NASCTRL_API void NasIpMgrAddNewIpInParallel(const node_ip_list *list);
-/* Starts an addition thread: 0, or non-zero with the address listed for the retry. addr outlives the thread. */
+/*
+ * Starts an addition thread, which posts g_SockIpSem when it is done and until then uses addr. Returns 0; 1 for a null
+ * address; or, with the address listed for the retry, 1 without memory and the host's code without a thread.
+ */
 NASCTRL_API int32_t CreateThreadForIpAdd(const char *addr, uint32_t protoType);
 NASCTRL_API void *NasIpMgrAddNewIpInThread(void *work);
-/* Tells the modules and removes the address. 0, or -22 for null. */
+/* Tells the modules, also of an address that is not listed, and removes it. 0, or -22 for null. */
 NASCTRL_API int32_t NasIpMgrDeleteOldIPInner(const char *addr, uint32_t protoType);
 
 /* ---- the protocol modules' hooks ---- */
@@ -163,7 +172,8 @@ NASCTRL_API void SetNotificationSuccess(uint32_t moduleId, uint32_t *mask);
 NASCTRL_API uint32_t AlreadyNotified(uint32_t moduleId, uint32_t mask);
 /*
  * Tells every module whose bit in mask is clear, in order, and sets the bits of those that accepted or are not
- * concerned. Returns 0 whatever the hooks answer, or 1 for an address that is neither IPv4 nor IPv6.
+ * concerned. Returns 0 whatever the hooks answer, or 1 for a null mask or an address that is neither IPv4 nor IPv6.
+ * isRetry is 1 when called by the retry below and changes nothing.
  */
 NASCTRL_API uint32_t NasIpMgrInvokeEvent(uint32_t event, const char *addr, uint32_t protoType, uint32_t *mask,
                                          uint32_t isRetry);
