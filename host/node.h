@@ -11,8 +11,8 @@
 namespace host {
 
 struct NodeIdentity {
-    uint32_t id = 1;   // node id, also its LS id
-    std::string root;  // the directory that holds the node's files; empty = the machine's own
+    uint32_t id = 1;  // node id, also its LS id
+    std::string root; // the directory that holds the node's files; empty = the machine's own
     std::string version;
 };
 

@@ -10,7 +10,8 @@
 
 namespace host {
 
-// buf holds the operator's text (NUL-terminated) on entry and the answer on return; null means that there is no text.
+// buf holds the operator's text (NUL-terminated) on entry and the answer on return; null tells a command whose usage
+// asks for a text that there is none. Returns the answer's length, 0 for no answer, or the code of a failure.
 using CommandHandler = int32_t (*)(char *buf, uint32_t size);
 
 struct Command {
@@ -21,7 +22,7 @@ struct Command {
 };
 
 struct CommandAnswer {
-    int32_t result;
+    int32_t result; // 0 = done
     std::string text;
 };
 

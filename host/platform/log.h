@@ -35,4 +35,7 @@ void setLogThreshold(uint32_t level);
 uint32_t logClassLevel(uint32_t logClass);
 void setLogClassLevel(uint32_t logClass, uint32_t level);
 
+// Lines written since the start of the process, by level.
+std::array<uint64_t, kMaxLogLevel + 1> logLineCounts();
+
 } // namespace host

@@ -20,4 +20,14 @@ struct MemoryAccount {
 // One row per function that ever allocated, by name. From any thread.
 std::vector<MemoryAccount> memoryAccounts();
 
+struct LiveMemory {
+    std::string func;
+    uint32_t line;
+    uint64_t blocks;
+    uint64_t bytes;
+};
+
+// One row per source line whose blocks are still live, by function and line. From any thread.
+std::vector<LiveMemory> liveMemory();
+
 } // namespace host

@@ -14,6 +14,7 @@
 
 #undef memcpy_s
 #undef memset_s
+#undef sprintf_s
 #undef strcpy_s
 #undef strncpy_s
 #undef vsnprintf_s
@@ -62,6 +63,25 @@ constexpr size_t destinationSize(long length)
 inline int vsnprintf_s(char *dest, size_t size, const char *format, va_list arguments)
 {
     return vsnprintf(dest, size, format, arguments);
+}
+
+/*
+ * Prints into dest; fails when the text and its NUL do not fit. Returns the text's length, or a negative number and an
+ * empty dest.
+ */
+__attribute__((format(printf, 3, 4))) inline int sprintf_s(char *dest, size_t size, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf_s(dest, size, format, arguments);
+    va_end(arguments);
+    if (length >= 0 && static_cast<size_t>(length) < size) {
+        return length;
+    }
+    if (size > 0) {
+        dest[0] = '\0';
+    }
+    return -1;
 }
 
 /*

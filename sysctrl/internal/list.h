@@ -8,10 +8,15 @@
 #include <nasctrl/base.h>
 
 /* The record of a type that holds this link as a member. */
-#define LIST_RECORD(link, type, member)                                                                                \
-    reinterpret_cast<type *>(reinterpret_cast<char *>(link) - offsetof(type, member))
+#define LIST_RECORD(link, type, member) nas::listRecord<type>((link), offsetof(type, member))
 
 namespace nas {
+
+template <typename Record>
+Record *listRecord(void *link, size_t offset)
+{
+    return reinterpret_cast<Record *>(static_cast<char *>(link) - offset);
+}
 
 inline list_link *listNext(const list_link *link)
 {

@@ -18,7 +18,8 @@
 #define LOG_PROGRESS(...) LOG_LINE(NASCTRL_LOG_PROGRESS, __VA_ARGS__)
 #define LOG_INFO(...) LOG_LINE(NASCTRL_LOG_INFO, __VA_ARGS__)
 /* A line whose level the host chooses by its class. */
-#define LOG_CLASS(log_class, ...) LOG_LINE(nas_log_map_get(log_class), __VA_ARGS__)
+#define LOG_CLASS_AS(func, log_class, ...) LOG_LINE_AS(func, nas_log_map_get(log_class), __VA_ARGS__)
+#define LOG_CLASS(log_class, ...) LOG_CLASS_AS(__func__, log_class, __VA_ARGS__)
 
 /* Argument checks: the argument's name, and the error that is returned. */
 #define LOG_NULL_AS(func, name, error, value)                                                                          \

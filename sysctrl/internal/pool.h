@@ -8,13 +8,20 @@
 #include <nasctrl/host/memory.h>
 
 #define POOL_ZALLOC(size) nas_mem_comm_zalloc((size), __func__, __LINE__)
-#define POOL_NEW(type) static_cast<type *>(POOL_ZALLOC(sizeof(type)))
+#define POOL_NEW(type) nas::poolNew<type>(__func__, __LINE__)
 #define POOL_FREE(pointer) nas_mem_comm_free((pointer), __func__, __LINE__)
 
 /* Owns a pool block until the end of the scope, and frees it in the name of the function it stands in. */
 #define POOL_OWNER(pointer) nas::poolOwner((pointer), __func__, __LINE__)
 
 namespace nas {
+
+/* A cleared record, or null without memory. */
+template <typename T>
+T *poolNew(const char *func, uint32_t line)
+{
+    return static_cast<T *>(nas_mem_comm_zalloc(sizeof(T), func, line));
+}
 
 struct PoolFree {
     const char *func;

@@ -1,6 +1,7 @@
 #include "nas_ip_mgr_fixture.h"
 
 #include <cerrno>
+#include <nasctrl/host/memory.h>
 
 using ip::hooks;
 using ip::listed;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <deque>
 #include <dlfcn.h>
+#include <memory>
 #include <mutex>
 #include <semaphore.h>
 #include <string>
@@ -19,7 +20,7 @@ struct Faults {
     std::string printFormat;
     int printCountdown = 0;
     std::deque<int> waitErrors;
-    std::function<void()> waitAction;
+    std::shared_ptr<std::function<void()>> waitAction; // shared, so that its own state lives on from wait to wait
     size_t waits = 0;
 };
 
@@ -86,7 +87,7 @@ void failWaits(const std::vector<int> &errors)
 void duringWait(std::function<void()> action)
 {
     const std::lock_guard guard(g_faults.mutex);
-    g_faults.waitAction = std::move(action);
+    g_faults.waitAction = std::make_shared<std::function<void()>>(std::move(action));
 }
 
 size_t waits()
@@ -131,7 +132,7 @@ IN_FRONT int __vsnprintf_chk(char *dest, size_t size, int flag, size_t destSize,
 IN_FRONT int sem_wait(sem_t *semaphore)
 {
     static const auto real = next<int (*)(sem_t *)>("sem_wait");
-    std::function<void()> action;
+    std::shared_ptr<std::function<void()>> action;
     int error = 0;
     {
         const std::lock_guard guard(g_faults.mutex);
@@ -143,7 +144,7 @@ IN_FRONT int sem_wait(sem_t *semaphore)
         }
     }
     if (action) {
-        action();
+        (*action)();
     }
     if (error != 0) {
         errno = error;

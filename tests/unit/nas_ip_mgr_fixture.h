@@ -3,11 +3,13 @@
 #pragma once
 
 #include "nas_ip_mgr_faults.h"
+#include <algorithm>
 #include <array>
 #include <fake_host.h>
 #include <gmock/gmock.h>
 #include <mutex>
 #include <nasctrl/ip_manager.h>
+#include <nasctrl/lif_port.h>
 #include <string>
 #include <sys/socket.h>
 #include <vector>
@@ -86,6 +88,12 @@ inline void fillUpTo(void *record, size_t from, size_t to, char byte)
     std::fill(static_cast<char *>(record) + from, static_cast<char *>(record) + to, byte);
 }
 
+inline Texts sorted(Texts texts)
+{
+    std::sort(texts.begin(), texts.end());
+    return texts;
+}
+
 // ---- hooks: each answers its module's result, and what it was told is kept as "<module> <event> <address> <family>"
 
 struct Hooks {
@@ -129,7 +137,8 @@ protected:
     {
         fake::reset();
         faults::reset();
-        g_iplistHead = {&g_iplistHead, &g_iplistHead};
+        forgetRecords();
+        lifPorts_ = 0;
         g_floatIpSupport = 1;
         g_periodLength = 60;
         g_setPeriodNotifyFunc = nullptr;
@@ -148,16 +157,30 @@ protected:
     {
         fake::joinThreads();
         expectNothingHeld();
-        g_iplistHead = {&g_iplistHead, &g_iplistHead};
+        forgetRecords();
         fake::reset();
     }
 
-    static void expectNothingHeld()
+    // The records of an earlier test were blocks of an earlier pool.
+    static void forgetRecords()
+    {
+        g_iplistHead = {&g_iplistHead, &g_iplistHead};
+        g_NfsLifPortInfo.buckets = nullptr;
+    }
+
+    // A LIF port, which its table allocates under the table's spin lock.
+    void addLifPort(uint64_t id, const char *addr)
+    {
+        ++lifPorts_;
+        nas_lifport_add_update(id, "port", addr, 1);
+    }
+
+    void expectNothingHeld() const
     {
         EXPECT_EQ(fake::locksHeld(), 0);
         EXPECT_TRUE(isFree(&g_ipListMutex));
         EXPECT_TRUE(isFree(&g_ipSockIpLockMutex));
-        EXPECT_THAT(fake::callsUnderSpinLock(), ::testing::IsEmpty());
+        EXPECT_EQ(fake::callsUnderSpinLock(), Texts(lifPorts_, "nas_mem_comm_alloc"));
     }
 
     // Starts the module with both of its threads held, and empty queues.
@@ -181,13 +204,16 @@ protected:
     // The event handler thread, until it has slept so many times.
     static bool runHandler(int sleeps = 1)
     {
-        fake::during("kvos_msleep", [left = sleeps]() mutable {
-            if (--left == 0) {
+        fake::during("kvos_msleep", [&] {
+            if (--sleeps == 0) {
                 throw fake::Stop{};
             }
         });
         return fake::runUntilStopped([] { NasIpMgrIpEventHandle(nullptr); });
     }
+
+private:
+    size_t lifPorts_ = 0;
 };
 
 } // namespace ip

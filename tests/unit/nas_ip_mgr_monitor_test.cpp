@@ -1,7 +1,6 @@
 #include "nas_ip_mgr_fixture.h"
 
 #include <cstring>
-#include <nasctrl/lif_port.h>
 
 using ip::hooks;
 using ip::listed;
@@ -151,9 +150,10 @@ TEST_F(IpMonitor, APeriodCannotBePrintedIntoNothing)
 template <typename Action>
 void runMonitor(int passes, Action action)
 {
-    fake::during("GetCurNodeIpListAdapter", [action, pass = 0]() mutable { action(++pass); });
-    fake::during("kvos_10msleep", [left = passes]() mutable {
-        if (--left == 0) {
+    int pass = 0;
+    fake::during("GetCurNodeIpListAdapter", [&] { action(++pass); });
+    fake::during("kvos_10msleep", [&] {
+        if (pass == passes) {
             throw fake::Stop{};
         }
     });
@@ -197,7 +197,7 @@ TEST_F(IpMonitor, APassComparesInOrderAndFreesTheList)
     fake::setClock(1000);
     NasIpMgrAddToList("10.0.0.9", 3, 63);
     NasIpMgrAddToList("10.0.0.1", 3, 62);
-    nas_lifport_add_update(77, "port", "127.0.0.1", 1);
+    addLifPort(77, "127.0.0.1");
     fake::during("GetCurNodeIpListAdapter", [] {
         EXPECT_EQ(g_ipLastQueryTime, 1000U);
         fake::setClock(1250);
@@ -274,7 +274,7 @@ TEST_F(IpMonitor, AnUnusableListTouchesNeitherListNorLifPortsNorRetryFlag)
             SetUp();
             g_needRetry = flag;
             NasIpMgrAddToList("10.0.0.9", 3, 63);
-            nas_lifport_add_update(77, "port", "127.0.0.1", 1);
+            addLifPort(77, "127.0.0.1");
             const size_t before = fake::log().size();
             if (row.null) {
                 fake::setNodeIpsNull(0);

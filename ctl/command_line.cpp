@@ -1,0 +1,343 @@
+/*
+ * Options stay texts here: each is judged where it is used, in words of its own. The parser collects what it does not
+ * know instead of complaining, so that the complaint can suggest the nearest word.
+ */
+#include "command_line.h"
+#include "commands/commands.h"
+#include "failure.h"
+#include "parse.h"
+#include "suggest.h"
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <optional>
+
+namespace ctl {
+
+namespace {
+
+constexpr uint64_t kMaxTimeoutMs = 3600000;
+
+using Action = std::function<int(const Session &)>;
+
+struct Arguments {
+    // Absent and empty differ: an empty directory is an error of a script, not a wish for the default.
+    std::optional<std::string> root, adminSocket, messageSocket, timeout;
+    std::optional<std::string> module, opcode, hex, command, value, level, logClass;
+    Words words;
+    bool json = false;
+    bool all = false;
+};
+
+class Grammar {
+public:
+    Grammar();
+    void parse(int argc, char **argv, Invocation &invocation);
+
+private:
+    CLI::App *family(const std::string &name, const std::string &text);
+    CLI::App *leaf(CLI::App *parent, const std::string &name, const std::string &text, Action action);
+    void defineGlobals();
+    void defineNode();
+    void defineAddresses();
+    void defineClusters();
+    void defineCommands();
+    void defineLog();
+
+    CLI::App *recognised() const;
+    std::string commandName() const;
+    std::string helpHint() const;
+    void checkWords() const;
+    void fill(Session &session) const;
+
+    CLI::App app_{"nasctl looks into a running node and changes what may be changed while it runs."};
+    Arguments args_;
+    Action action_;
+};
+
+// Positional words and option values as they were typed, without the parser's own reading of them.
+void collectWords(CLI::App *command, const std::string &name, const std::string &text, Words &words, bool required)
+{
+    command
+        ->add_option_function<Words>(
+            name, [&words](const Words &typed) { words = typed; }, text)
+        ->required(required)
+        ->type_name("");
+}
+
+CLI::Option *addText(CLI::App *command, const std::string &names, std::optional<std::string> &value,
+                     const std::string &text, const std::string &type)
+{
+    return command
+        ->add_option_function<std::string>(
+            names, [&value](const std::string &typed) { value = typed; }, text)
+        ->type_name(type)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+}
+
+Grammar::Grammar()
+{
+    app_.name("nasctl");
+    app_.set_help_flag("-h,--help", "Print this help");
+    app_.set_version_flag("--version", "nasctl " NASCTL_VERSION, "Print the version");
+    app_.require_subcommand(0, 1);
+    app_.allow_extras();
+    app_.fallthrough();
+    defineGlobals();
+    defineNode();
+    defineAddresses();
+    defineClusters();
+    defineCommands();
+    defineLog();
+    app_.footer("Global options may also follow the command; nasctl COMMAND --help tells more of each.\n"
+                "Exit codes: 0 done, 1 failed, 2 the command line is wrong.");
+}
+
+CLI::App *Grammar::family(const std::string &name, const std::string &text)
+{
+    CLI::App *command = app_.add_subcommand(name, text);
+    command->require_subcommand(0, 1);
+    return command;
+}
+
+CLI::App *Grammar::leaf(CLI::App *parent, const std::string &name, const std::string &text, Action action)
+{
+    CLI::App *command = parent->add_subcommand(name, text);
+    command->callback([this, action = std::move(action)] { action_ = action; });
+    return command;
+}
+
+void Grammar::defineGlobals()
+{
+    addText(&app_, "--root", args_.root, "Directory of the node: its sockets are in DIR/run", "DIR");
+    addText(&app_, "--admin-socket", args_.adminSocket, "Admin socket [/run/nasctrl/admin.sock]", "PATH");
+    addText(&app_, "--message-socket", args_.messageSocket, "Message socket [/run/nasctrl/message.sock]", "PATH");
+    addText(&app_, "--timeout-ms", args_.timeout, "Time for one call to the node [10000]", "N");
+    app_.add_flag("--json", args_.json, "Print JSON instead of tables")->disable_flag_override();
+}
+
+void Grammar::defineNode()
+{
+    leaf(&app_, "status", "The node on one screen", showStatus);
+    CLI::App *power = family("power", "The power state of the protocol service: on, off, status");
+    leaf(power, "on", "Start the protocol service", [](const Session &session) { return switchPower(session, "on"); });
+    leaf(power, "off", "Stop the protocol service", [](const Session &session) { return switchPower(session, "off"); });
+    leaf(power, "status", "Print the state", showPower);
+    CLI::App *config = leaf(&app_, "config", "What the configuration getters answer",
+                            [this](const Session &session) { return showConfig(session, args_.words); });
+    collectWords(config, "NAME", "Only these getters", args_.words, false);
+    CLI::App *mem = leaf(&app_, "mem", "Accounts of the memory pool that have live blocks",
+                         [this](const Session &session) { return showMemory(session, args_.all); });
+    mem->add_flag("--all", args_.all, "Accounts without live blocks too")->disable_flag_override();
+}
+
+void Grammar::defineAddresses()
+{
+    CLI::App *ip = family("ip", "The service addresses of the node: ls, add, del");
+    leaf(ip, "ls", "List the addresses and what became of them", listAddresses);
+    CLI::App *add = leaf(ip, "add", "Announce addresses to the node",
+                         [this](const Session &session) { return addAddresses(session, args_.words); });
+    CLI::App *del = leaf(ip, "del", "Withdraw addresses from the node",
+                         [this](const Session &session) { return deleteAddresses(session, args_.words); });
+    collectWords(add, "ADDR", "IPv4 or IPv6 addresses", args_.words, true);
+    collectWords(del, "ADDR", "IPv4 or IPv6 addresses", args_.words, true);
+}
+
+void Grammar::defineClusters()
+{
+    CLI::App *cluster = family("cluster", "The remote clusters that the node serves: ls, add, rm");
+    leaf(cluster, "ls", "List their ids", listClusters);
+    CLI::App *add = leaf(cluster, "add", "Add clusters",
+                         [this](const Session &session) { return addClusters(session, args_.words); });
+    CLI::App *remove = leaf(cluster, "rm", "Remove clusters",
+                            [this](const Session &session) { return removeClusters(session, args_.words); });
+    collectWords(add, "ID", "Cluster ids, from 1", args_.words, true);
+    collectWords(remove, "ID", "Cluster ids, from 1", args_.words, true);
+}
+
+int listOrRun(const Session &session, const Arguments &args)
+{
+    if (!args.module && !args.command && !args.value) {
+        return listCommands(session);
+    }
+    if (!args.module || !args.command) {
+        throw UsageFailure(std::string(!args.module ? "-m MODULE" : "-c COMMAND") +
+                           " is missing; nasctl cmd alone lists the modules and their commands");
+    }
+    return runCommand(session, *args.module, *args.command, args.value);
+}
+
+void Grammar::defineCommands()
+{
+    CLI::App *msg =
+        leaf(&app_, "msg", "Send a message to a module and print its answer", [this](const Session &session) {
+            return sendMessage(session, *args_.module, *args_.opcode, args_.hex.value_or(""));
+        });
+    addText(msg, "--module", args_.module, "Module id", "M")->required();
+    addText(msg, "--opcode", args_.opcode, "Opcode", "C")->required();
+    addText(msg, "HEX", args_.hex, "Payload in hex, - to read it from standard input", "");
+    CLI::App *cmd = leaf(&app_, "cmd", "Run a debug command; list them all when none is named",
+                         [this](const Session &session) { return listOrRun(session, args_); });
+    addText(cmd, "-m,--module", args_.module, "Module", "MODULE");
+    addText(cmd, "-c,--command", args_.command, "Command", "COMMAND");
+    addText(cmd, "-v,--value", args_.value, "Its argument", "VALUE");
+}
+
+void Grammar::defineLog()
+{
+    CLI::App *log = family("log", "The node's log: level");
+    CLI::App *level = leaf(log, "level", "Print the levels, or set one", [this](const Session &session) {
+        return args_.level ? setLogLevel(session, *args_.level, args_.logClass)
+                           : showLogLevels(session, args_.logClass);
+    });
+    addText(level, "LEVEL", args_.level, "New level, 0 to 7", "");
+    addText(level, "--class", args_.logClass, "Of this class, 0 to 3, instead of the threshold", "N");
+}
+
+CLI::App *Grammar::recognised() const
+{
+    const CLI::App *command = &app_;
+    while (!command->get_subcommands().empty()) {
+        command = command->get_subcommands().front();
+    }
+    return const_cast<CLI::App *>(command);
+}
+
+std::string Grammar::commandName() const
+{
+    std::string name;
+    for (const CLI::App *command = recognised(); command != &app_; command = command->get_parent()) {
+        name = command->get_name() + (name.empty() ? "" : " ") + name;
+    }
+    return name;
+}
+
+Words subcommandNames(CLI::App *command)
+{
+    Words names;
+    for (const CLI::App *sub : command->get_subcommands([](const CLI::App *) { return true; })) {
+        names.push_back(sub->get_name());
+    }
+    return names;
+}
+
+Words optionNames(CLI::App *command)
+{
+    Words names;
+    for (; command != nullptr; command = command->get_parent()) {
+        for (const CLI::Option *option : command->get_options()) {
+            for (const std::string &name : option->get_lnames()) {
+                names.push_back("--" + name);
+            }
+        }
+    }
+    return names;
+}
+
+std::string joined(const Words &words)
+{
+    std::string text;
+    for (const std::string &word : words) {
+        text += (text.empty() ? "" : ", ") + word;
+    }
+    return text;
+}
+
+// The parser's words for an option without its value ("--root: 1 required DIR missing") and for a flag with one ("json
+// was given a disallowed flag override") in ours.
+std::string misuse(const std::string &text)
+{
+    const size_t colon = text.find(": 1 required ");
+    if (colon != std::string::npos) {
+        return text.substr(0, colon) + " needs a value";
+    }
+    const size_t flag = text.find(" was given a disallowed flag override");
+    return flag != std::string::npos ? "--" + text.substr(0, flag) + " takes no value" : text;
+}
+
+std::string Grammar::helpHint() const
+{
+    const std::string name = commandName();
+    return "nasctl " + name + (name.empty() ? "" : " ") + "--help tells the form";
+}
+
+void Grammar::checkWords() const
+{
+    CLI::App *command = recognised();
+    const Words commands = subcommandNames(command);
+    const Words unknown = app_.remaining(true);
+    if (unknown.empty()) {
+        if (!commands.empty()) {
+            throw UsageFailure("which command? there are " + joined(commands));
+        }
+        return;
+    }
+    const std::string word = unknown.front().substr(0, unknown.front().find('='));
+    if (word.size() > 1 && word.front() == '-') {
+        const std::string meant = suggestion(word, optionNames(command));
+        throw UsageFailure(word + ": no such option" + (meant.empty() ? "; " + helpHint() : meant));
+    }
+    if (commands.empty()) {
+        throw UsageFailure(nameable(unknown.front()) + ": one argument too many; " + helpHint());
+    }
+    const std::string meant = suggestion(word, commands);
+    throw UsageFailure(nameable(word) + ": no such command" +
+                       (meant.empty() ? "; there are " + joined(commands) : meant));
+}
+
+void Grammar::fill(Session &session) const
+{
+    session.json = args_.json;
+    if (args_.root) {
+        session.adminSocket = *args_.root + "/run/admin.sock";
+        session.messageSocket = *args_.root + "/run/message.sock";
+    }
+    session.adminSocket = args_.adminSocket.value_or(session.adminSocket);
+    session.messageSocket = args_.messageSocket.value_or(session.messageSocket);
+    for (const auto *path : {&args_.root, &args_.adminSocket, &args_.messageSocket}) {
+        if (*path && (*path)->empty()) {
+            throw UsageFailure("--root and the sockets' options need a path, an empty one was given");
+        }
+    }
+    if (args_.timeout) {
+        session.timeout = std::chrono::milliseconds(parseNumber("--timeout-ms", *args_.timeout, 1, kMaxTimeoutMs));
+    }
+}
+
+void Grammar::parse(int argc, char **argv, Invocation &invocation)
+{
+    try {
+        app_.parse(argc, argv);
+    } catch (const CLI::CallForHelp &) {
+        invocation.text = app_.help();
+        return;
+    } catch (const CLI::CallForVersion &) {
+        invocation.text = app_.version() + "\n";
+        return;
+    } catch (const CLI::RequiredError &error) {
+        invocation.session.command = commandName();
+        // A misspelt option is the better explanation for an argument that is not there.
+        checkWords();
+        throw UsageFailure(std::string(error.what()) + "; " + helpHint());
+    } catch (const CLI::ParseError &error) {
+        invocation.session.command = commandName();
+        throw UsageFailure(misuse(error.what()));
+    }
+    invocation.session.command = commandName();
+    checkWords();
+    fill(invocation.session);
+    invocation.action = action_;
+}
+
+} // namespace
+
+void parseCommandLine(int argc, char **argv, Invocation &invocation)
+{
+    // The action refers to the grammar's arguments, so it keeps the grammar.
+    const auto grammar = std::make_shared<Grammar>();
+    grammar->parse(argc, argv, invocation);
+    if (invocation.action) {
+        invocation.action = [grammar, action = invocation.action](const Session &session) { return action(session); };
+    }
+}
+
+} // namespace ctl

@@ -1,0 +1,48 @@
+/*
+ * The commands of nasctl, a file per family. Each asks the node, prints what it got and returns the exit code; what
+ * makes the whole command fail is thrown as a Failure. Arguments come as they were typed.
+ */
+#pragma once
+
+#include "session.h"
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ctl {
+
+using Words = std::vector<std::string>;
+
+int showStatus(const Session &session);
+
+int listAddresses(const Session &session);
+// The addresses are announced one after the other; one that is refused does not keep back those behind it.
+int addAddresses(const Session &session, const Words &addresses);
+int deleteAddresses(const Session &session, const Words &addresses);
+
+int showPower(const Session &session);
+int switchPower(const Session &session, const std::string &action);
+
+int listClusters(const Session &session);
+// Up to the first id that is refused; the list after the last change is printed.
+int addClusters(const Session &session, const Words &ids);
+int removeClusters(const Session &session, const Words &ids);
+
+// The named getters in the order of their names here; all when there is no name.
+int showConfig(const Session &session, const Words &names);
+
+int sendMessage(const Session &session, const std::string &module, const std::string &opcode, const std::string &hex);
+
+int listCommands(const Session &session);
+int runCommand(const Session &session, const std::string &module, const std::string &command,
+               const std::optional<std::string> &value);
+
+// All levels, or those of a class alone.
+int showLogLevels(const Session &session, const std::optional<std::string> &logClass);
+// The threshold, or the level of a class.
+int setLogLevel(const Session &session, const std::string &level, const std::optional<std::string> &logClass);
+
+// Accounts with live blocks, or all that ever had one.
+int showMemory(const Session &session, bool all);
+
+} // namespace ctl

@@ -1,0 +1,68 @@
+#include "parse.h"
+#include "failure.h"
+#include <cctype>
+#include <charconv>
+
+namespace ctl {
+
+uint64_t parseNumber(const std::string &what, const std::string &text, uint64_t min, uint64_t max)
+{
+    const bool hex = text.starts_with("0x") || text.starts_with("0X");
+    const char *first = text.data() + (hex ? 2 : 0);
+    const char *last = text.data() + text.size();
+    uint64_t value = 0;
+    const auto [end, error] = std::from_chars(first, last, value, hex ? 16 : 10);
+    if (error != std::errc() || end != last || value < min || value > max) {
+        throw UsageFailure(what + ": \"" + text + "\" is not a number from " + std::to_string(min) + " to " +
+                           std::to_string(max));
+    }
+    return value;
+}
+
+static bool isBlank(char c)
+{
+    return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+static unsigned digitAt(std::string_view text, size_t position)
+{
+    unsigned digit = 0;
+    if (position == text.size() || isBlank(text[position])) {
+        throw UsageFailure("HEX: the digit at character " + std::to_string(position) +
+                           " stands alone; a byte takes two hex digits");
+    }
+    if (std::from_chars(&text[position], &text[position] + 1, digit, 16).ec != std::errc()) {
+        throw UsageFailure("HEX: character " + std::to_string(position + 1) + " is \"" + text[position] +
+                           "\", not a hex digit");
+    }
+    return digit;
+}
+
+std::string parseHex(std::string_view text)
+{
+    std::string bytes;
+    for (size_t i = 0; i < text.size();) {
+        if (isBlank(text[i])) {
+            ++i;
+            continue;
+        }
+        bytes += static_cast<char>(digitAt(text, i) << 4 | digitAt(text, i + 1));
+        i += 2;
+    }
+    return bytes;
+}
+
+std::string toHex(std::string_view bytes)
+{
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(bytes.size() * 2);
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        text += digits[byte >> 4];
+        text += digits[byte & 0xf];
+    }
+    return text;
+}
+
+} // namespace ctl

@@ -1,0 +1,19 @@
+/*
+ * Reading what people type: numbers and bytes in hex.
+ */
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace ctl {
+
+// A decimal number or, after 0x, a hexadecimal one, from min to max. Throws UsageFailure that names `what`.
+uint64_t parseNumber(const std::string &what, const std::string &text, uint64_t min, uint64_t max);
+
+// Pairs of hex digits, blanks between pairs allowed. Throws UsageFailure.
+std::string parseHex(std::string_view text);
+std::string toHex(std::string_view bytes);
+
+} // namespace ctl

@@ -1,0 +1,47 @@
+/*
+ * The node's own surroundings, as the adapters tell the library of them.
+ */
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace host {
+
+constexpr size_t kMaxNodeName = 63;
+
+struct AdapterSettings {
+    std::string nodeName;                                    // empty = the machine's host name
+    std::vector<uint32_t> lsIds;                             // the configured LS ids, the node's own among them
+    std::map<uint32_t, std::string> tenants;                 // name by id
+    std::map<std::string, uint32_t, std::less<>> controlIps; // LS id by control address
+    bool hasStorage = false;                                 // a storage-side service answers for the node's addresses
+};
+
+// Once, before the library starts; read without a lock from then on.
+void configureAdapters(const AdapterSettings &settings);
+const AdapterSettings &adapterSettings();
+
+// Counters, from any thread: notices about a tenant's LIFs, and clients whose file locks were to be released.
+uint64_t tenantNotices(uint32_t tenantId);
+uint64_t clientFaults();
+
+// The ids of the LIF ports whose performance path is on, in ascending order. From any thread.
+std::vector<uint64_t> perfPorts();
+
+// A LIF port as the library's table knows it.
+struct LifPort {
+    uint64_t id;
+    uint64_t time;
+    uint32_t index;
+    std::string name;
+    std::string ip;
+};
+
+// By index. From any thread but one that holds a lock of the table; empty before the table is built.
+std::vector<LifPort> lifPorts();
+
+} // namespace host

@@ -1,0 +1,95 @@
+// LIF ports: which of them have their performance path on, and what the library's table knows of them.
+//
+// The set of performance ports has a lock of its own, a leaf: regLifportAdpter runs under the table's bucket locks.
+
+#include "adapters/adapters.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+#include <nasctrl/lif_port.h>
+#include <set>
+
+namespace host {
+namespace {
+
+std::mutex s_perfLock;
+std::set<uint64_t> s_perfPorts;
+
+const NasLifPortEntry *entryOf(const void *link)
+{
+    return reinterpret_cast<const NasLifPortEntry *>(static_cast<const char *>(link) - offsetof(NasLifPortEntry, link));
+}
+
+void collectBucket(NasLifPortBucket &bucket, std::vector<LifPort> &ports)
+{
+    kvos_rwlock_read_lock(&bucket.lock);
+    for (const void *link = bucket.head.next; link != &bucket.head; link = static_cast<const list_link *>(link)->next) {
+        const NasLifPortEntry *entry = entryOf(link);
+        ports.push_back({entry->id, entry->time, entry->index, entry->name, entry->ip});
+    }
+    kvos_rwlock_read_unlock(&bucket.lock);
+}
+
+// The library stores find last, when the buckets are ready to be walked.
+bool tableIsBuilt()
+{
+    return std::atomic_ref(g_NfsLifPortInfo.find).load() != nullptr;
+}
+
+} // namespace
+
+std::vector<uint64_t> perfPorts()
+{
+    const std::lock_guard hold(s_perfLock);
+    return {s_perfPorts.begin(), s_perfPorts.end()};
+}
+
+std::vector<LifPort> lifPorts()
+{
+    std::vector<LifPort> ports;
+    if (!tableIsBuilt()) {
+        return ports;
+    }
+    for (size_t bucket = 0; bucket < NAS_LIF_PORT_BUCKETS; ++bucket) {
+        collectBucket(g_NfsLifPortInfo.buckets[bucket], ports);
+    }
+    std::ranges::sort(ports, {}, &LifPort::index);
+    return ports;
+}
+
+} // namespace host
+
+// Every port supports it: the path of the reference host is a mark on the port.
+uint32_t CheckLifPortSupportPerf(uint64_t)
+{
+    return 0;
+}
+
+uint32_t regLifportAdpter(uint64_t id, uint32_t on)
+{
+    const std::lock_guard hold(host::s_perfLock);
+    if (on != 0) {
+        host::s_perfPorts.insert(id);
+        return NAS_OK;
+    }
+    return host::s_perfPorts.erase(id) == 1 ? NAS_OK : NAS_ERROR;
+}
+
+// The reference host's arguments: the address's text, and where to store the 64-bit id of its port; four are unused.
+uint32_t getNasLifPortIdByIpAdpter(uintptr_t ip, uintptr_t id, uintptr_t, uintptr_t, uintptr_t, uintptr_t)
+{
+    const auto *address = reinterpret_cast<const char *>(ip); // NOLINT(performance-no-int-to-ptr): the contract's form
+    auto *out = reinterpret_cast<uint64_t *>(id);             // NOLINT(performance-no-int-to-ptr): the contract's form
+    if (address == nullptr || out == nullptr) {
+        return NAS_INVALID;
+    }
+    for (const host::LifPort &port : host::lifPorts()) {
+        if (port.ip == address) {
+            *out = port.id;
+            return NAS_OK;
+        }
+    }
+    return NAS_INVALID;
+}

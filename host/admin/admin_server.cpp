@@ -1,0 +1,37 @@
+#include "admin/admin_server.h"
+
+#include "admin/routes.h"
+#include "admin/server.h"
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+
+namespace host {
+
+namespace {
+
+std::mutex s_lock;
+std::unique_ptr<admin::Server> s_server;
+
+} // namespace
+
+void startAdminServer(const std::string &socketPath)
+{
+    const std::lock_guard guard(s_lock);
+    if (s_server) {
+        throw std::runtime_error("admin socket " + socketPath + ": the admin server runs already");
+    }
+    admin::ServerSettings settings;
+    settings.socketPath = socketPath;
+    settings.changesSomething = admin::changesSomething;
+    settings.answer = admin::answerRequest;
+    s_server = std::make_unique<admin::Server>(settings);
+}
+
+void stopAdminServer()
+{
+    const std::lock_guard guard(s_lock);
+    s_server.reset();
+}
+
+} // namespace host

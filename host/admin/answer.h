@@ -1,0 +1,43 @@
+/*
+ * What the HTTP server and the calls of the admin door share: a request, its answer, and the way a call refuses.
+ */
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace host::admin {
+
+struct Request {
+    std::string method;
+    std::string target;
+    std::string body;
+};
+
+struct Answer {
+    unsigned status;
+    std::string body;
+    std::string allow = {}; // the methods of the path, for a 405
+};
+
+constexpr unsigned kOk = 200;
+constexpr unsigned kBadRequest = 400;
+constexpr unsigned kForbidden = 403;
+constexpr unsigned kNotFound = 404;
+constexpr unsigned kMethodNotAllowed = 405;
+constexpr unsigned kInternalError = 500;
+
+// Thrown by a call that cannot be done: the HTTP status, and one line that says why.
+class CallError : public std::runtime_error {
+public:
+    CallError(unsigned status, const std::string &line) : std::runtime_error(line), status_(status) {}
+    unsigned status() const { return status_; }
+
+private:
+    unsigned status_;
+};
+
+// The answer {"error": line}.
+Answer errorAnswer(unsigned status, const std::string &line);
+
+} // namespace host::admin

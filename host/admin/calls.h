@@ -1,0 +1,35 @@
+/*
+ * The calls of the admin door, one function per row of the route table. Each returns the JSON of a 200 answer or throws
+ * CallError. Calls that read run beside the one change that may be under way and never wait for work of the node;
+ * changes run one at a time.
+ */
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+namespace host::admin {
+
+// Members keep the order in which docs/admin-api.md lists them.
+using Json = nlohmann::ordered_json;
+
+struct CallInput {
+    std::string argument; // what the path holds in place of the route's '*'
+    std::string body;
+};
+
+Json getStatus(const CallInput &input);
+Json getIps(const CallInput &input);
+Json getPower(const CallInput &input);
+Json postPower(const CallInput &input);
+Json getClusters(const CallInput &input);
+Json postCluster(const CallInput &input);
+Json deleteCluster(const CallInput &input);
+Json getConfig(const CallInput &input);
+Json getCommands(const CallInput &input);
+Json postCommand(const CallInput &input);
+Json getLog(const CallInput &input);
+Json putLog(const CallInput &input);
+Json getMemory(const CallInput &input);
+
+} // namespace host::admin

@@ -1,0 +1,115 @@
+#include "admin/fields.h"
+
+#include "admin/answer.h"
+#include <algorithm>
+#include <charconv>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+namespace host::admin {
+
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+constexpr size_t kShownNameSize = 64;
+
+// A name out of a request as part of an error's one line.
+std::string shown(std::string name)
+{
+    name.resize(std::min(name.size(), kShownNameSize));
+    std::replace_if(
+        name.begin(), name.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
+    return name;
+}
+
+[[noreturn]] void refuse(const std::string &name, const std::string &why)
+{
+    throw CallError(kBadRequest, shown(name) + ": " + why);
+}
+
+const Json &field(const Json &fields, const std::string &name)
+{
+    const auto found = fields.find(name);
+    if (found == fields.end()) {
+        refuse(name, "is missing");
+    }
+    return *found;
+}
+
+Json parseObject(const std::string &body)
+{
+    // The parser itself would let the last of two equal names win.
+    std::vector<std::string> seen;
+    const auto refuseTwice = [&seen](int depth, Json::parse_event_t event, const Json &parsed) {
+        if (depth == 1 && event == Json::parse_event_t::key) {
+            const auto name = parsed.get<std::string>();
+            if (std::find(seen.begin(), seen.end(), name) != seen.end()) {
+                refuse(name, "is given twice");
+            }
+            seen.push_back(name);
+        }
+        return true;
+    };
+    Json object = Json::parse(body, refuseTwice, false);
+    if (!object.is_object()) {
+        throw CallError(kBadRequest, "the body is not a JSON object");
+    }
+    return object;
+}
+
+} // namespace
+
+Json parseFields(const std::string &body, std::initializer_list<std::string_view> allowed)
+{
+    Json object = parseObject(body);
+    for (const auto &item : object.items()) {
+        if (std::find(allowed.begin(), allowed.end(), item.key()) == allowed.end()) {
+            refuse(item.key(), "is not a field of this call");
+        }
+    }
+    return object;
+}
+
+std::string textField(const Json &fields, const std::string &name)
+{
+    const Json &value = field(fields, name);
+    if (!value.is_string()) {
+        refuse(name, "must be a text");
+    }
+    auto text = value.get<std::string>();
+    if (text.find('\0') != std::string::npos) {
+        refuse(name, "must not hold a NUL character");
+    }
+    return text;
+}
+
+std::optional<std::string> optionalTextField(const Json &fields, const std::string &name)
+{
+    if (!fields.contains(name)) {
+        return std::nullopt;
+    }
+    return textField(fields, name);
+}
+
+uint32_t numberField(const Json &fields, const std::string &name, uint32_t max)
+{
+    const Json &value = field(fields, name);
+    if (!value.is_number_unsigned() || value.get<uint64_t>() > max) {
+        refuse(name, "must be a whole number from 0 to " + std::to_string(max));
+    }
+    return value.get<uint32_t>();
+}
+
+uint64_t parseId(const std::string &text)
+{
+    uint64_t id = 0;
+    const char *end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, id);
+    if (error != std::errc() || stop != end) {
+        refuse("id", "must be a decimal number of at most 64 bits");
+    }
+    return id;
+}
+
+} // namespace host::admin

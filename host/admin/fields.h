@@ -1,0 +1,27 @@
+/*
+ * Strict reading of a call's JSON body: one flat object, known fields only, exact types. Whatever is wrong is a
+ * CallError 400 that names the field.
+ */
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace host::admin {
+
+// The body as an object that holds no field but the allowed ones, each at most once.
+nlohmann::ordered_json parseFields(const std::string &body, std::initializer_list<std::string_view> allowed);
+
+// Text without NUL characters, because it is handed on as a C string.
+std::string textField(const nlohmann::ordered_json &fields, const std::string &name);
+std::optional<std::string> optionalTextField(const nlohmann::ordered_json &fields, const std::string &name);
+// A whole number from 0 to max.
+uint32_t numberField(const nlohmann::ordered_json &fields, const std::string &name, uint32_t max);
+// Decimal digits that fit 64 bits, as text because JSON numbers lose the low bits of large ids in many readers.
+uint64_t parseId(const std::string &text);
+
+} // namespace host::admin

@@ -1,0 +1,44 @@
+/*
+ * What an operator can choose: command line flags, and the same names in an option file.
+ */
+#pragma once
+
+#include "adapters/adapters.h"
+#include "lwt/lwt.h"
+#include "message/message_service.h"
+#include "modules/modules.h"
+#include "platform/log.h"
+
+#include <iosfwd>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace host {
+
+struct NodeOptions {
+    std::string root; // absolute; empty = the machine's own /opt
+    uint32_t nodeId = 1;
+    std::vector<ModuleConfig> modules;
+    MessageSettings messages;
+    std::string adminSocket;
+    LogSettings log;
+    LwtBackend lwtBackend = LwtBackend::fibers;
+    unsigned lwtWorkers = 2;
+    AdapterSettings adapters;
+    std::optional<unsigned> period; // seconds between address queries; nothing = the library's own
+    std::optional<int> readyFd;     // told, and closed, when the node is ready
+};
+
+// A wrong command line or option file; what() is one line without the program's name.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Reads the command line (without the program's name) and the option file it names; what is on the command line wins.
+// Nothing when help or version was asked for and written to out. Throws UsageError.
+std::optional<NodeOptions> parseOptions(const std::vector<std::string> &arguments, const std::string &version,
+                                        std::ostream &out);
+
+} // namespace host

@@ -1,0 +1,162 @@
+// The order of a node's start: the host's services first, then the library as its start-up asks for, then the doors
+// through which others reach it.
+
+#include "start.h"
+
+#include "admin/admin_server.h"
+#include "cluster/cm_client.h"
+#include "node.h"
+#include "power.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nasctrl/nasctrl.h>
+#include <system_error>
+
+namespace host {
+namespace {
+
+constexpr const char *kConfigurationFiles[] = {"/opt/marovesta/brisqueta/conf/dpc.conf",
+                                               "/opt/ostrak/eds/eds-f/conf/EBSServer.cfg"};
+
+struct Step {
+    const char *name;
+    // 0, or the code of the failure; or throws std::exception with one clear line.
+    int32_t (*run)(const NodeOptions &options);
+    void (*stop)() = nullptr;
+};
+
+std::vector<const Step *> s_stepsToStop; // in the order of their start; main thread only
+
+void makeSocketDirectory(const std::string &socketPath)
+{
+    const auto directory = std::filesystem::path(socketPath).parent_path();
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    if (error) {
+        throw std::runtime_error("directory " + directory.string() + " cannot be made: " + error.message());
+    }
+}
+
+int32_t makeSocketDirectories(const NodeOptions &options)
+{
+    makeSocketDirectory(options.messages.socketPath);
+    makeSocketDirectory(options.adminSocket);
+    return 0;
+}
+
+// The library's loaders try a missing file three times, 5 seconds apart; an operator is better served at once.
+int32_t checkConfigurationFiles(const NodeOptions &options)
+{
+    for (const char *path : kConfigurationFiles) {
+        std::ifstream file(path);
+        if (!file.is_open() || file.peek() == std::ifstream::traits_type::eof()) {
+            const std::string why = file.is_open() ? "it is empty or no file" : std::generic_category().message(errno);
+            throw std::runtime_error("configuration file " + options.root + path + " cannot be read: " + why);
+        }
+    }
+    return 0;
+}
+
+int32_t setPeriod(const NodeOptions &options)
+{
+    return options.period ? NasIpMgrSetIpQueryPeriod(std::to_string(*options.period).c_str()) : 0;
+}
+
+int32_t done(void (*call)())
+{
+    call();
+    return 0;
+}
+
+constexpr Step kSteps[] = {
+    {"light-weight threads",
+     [](const NodeOptions &o) {
+         startLwt(o.lwtBackend, o.lwtWorkers);
+         return 0;
+     }},
+    {"protocol modules",
+     [](const NodeOptions &o) {
+         configureModules(o.modules);
+         return 0;
+     },
+     closeModules},
+    {"adapters",
+     [](const NodeOptions &o) {
+         configureAdapters(o.adapters);
+         return 0;
+     }},
+    {"configuration files", checkConfigurationFiles},
+    {"socket directories", makeSocketDirectories},
+    {"message service",
+     [](const NodeOptions &o) {
+         startMessageService(o.messages);
+         return 0;
+     },
+     stopMessageService},
+    {"nas_ctrl_cluster_list_init", [](const NodeOptions &) { return done(nas_ctrl_cluster_list_init); }},
+    {"DpcInitExternStub", [](const NodeOptions &) { return static_cast<int32_t>(DpcInitExternStub()); }},
+    {"extern_stub_init", [](const NodeOptions &) { return static_cast<int32_t>(extern_stub_init()); }},
+    {"nas_ctrl_init", [](const NodeOptions &) { return static_cast<int32_t>(nas_ctrl_init()); }},
+    {"nas_ctrl_handler_reg", [](const NodeOptions &) { return nas_ctrl_handler_reg(); }},
+    {"NasCtrlClusterInit", [](const NodeOptions &) { return static_cast<int32_t>(NasCtrlClusterInit()); }},
+    {"CM connect event", [](const NodeOptions &) { return connectCmClient(); }},
+    {"nas_ctrl_power_reg", [](const NodeOptions &) { return registerPower(); }},
+    {"module hooks", [](const NodeOptions &) { return done(registerModuleHooks); }},
+    {"address query period", setPeriod},
+    {"NasIpMgrInitModule", [](const NodeOptions &) { return NasIpMgrInitModule(nullptr); }},
+    {"NasLifMgrModuleStart", [](const NodeOptions &) { return static_cast<int32_t>(NasLifMgrModuleStart()); }},
+    {"HdfsGetIpRegister", [](const NodeOptions &) { return HdfsGetIpRegister(); }},
+    {"nas_ctrl_power_on", [](const NodeOptions &) { return nas_ctrl_power_on(nullptr, nullptr); },
+     [] { nas_ctrl_power_off(nullptr, nullptr); }},
+    {"admin server",
+     [](const NodeOptions &o) {
+         startAdminServer(o.adminSocket);
+         return 0;
+     },
+     stopAdminServer},
+};
+
+void runStep(const Step &step, const NodeOptions &options)
+{
+    HOST_LOG(NASCTRL_LOG_PROGRESS, "start: %s", step.name);
+    int32_t result = -1;
+    std::string why;
+    try {
+        result = step.run(options);
+        why = step.name + std::string(" failed with ") + std::to_string(result) + ", the log tells why";
+    } catch (const std::exception &error) {
+        why = step.name + std::string(": ") + error.what();
+    }
+    recordStartStep(step.name, result);
+    if (result != 0) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "start: %s", why.c_str());
+        throw std::runtime_error(why);
+    }
+    if (step.stop != nullptr) {
+        s_stepsToStop.push_back(&step);
+    }
+}
+
+} // namespace
+
+void startNode(const NodeOptions &options)
+{
+    for (const Step &step : kSteps) {
+        runStep(step, options);
+    }
+}
+
+void stopNode()
+{
+    for (; !s_stepsToStop.empty(); s_stepsToStop.pop_back()) {
+        const Step &step = *s_stepsToStop.back();
+        HOST_LOG(NASCTRL_LOG_PROGRESS, "stop: undo %s", step.name);
+        step.stop();
+    }
+    flushLog();
+}
+
+} // namespace host

@@ -1,0 +1,138 @@
+/*
+ * What nasctl says to command lines that are wrong, before it asks anybody.
+ */
+#include "named_row.h"
+#include "scripted_node.h"
+
+namespace {
+
+struct WrongLine : NamedRow {
+    std::vector<std::string> words;
+    std::string error;
+};
+
+class Usage : public testing::TestWithParam<WrongLine> {};
+
+TEST_P(Usage, WrongCommandLineIsAnsweredWithOneLineAndExitCode2)
+{
+    const WrongLine &row = GetParam();
+    EXPECT_EQ(runNasctl(row.words), (Outcome{"", "nasctl: " + row.error + "\n", 2}));
+}
+
+const WrongLine kWrongLines[] = {
+    {"NoCommand", {}, "which command? there are status, power, config, mem, ip, cluster, msg, cmd, log"},
+    {"MisspeltCommand", {"statsu"}, "statsu: no such command; did you mean status?"},
+    {"StrangeCommand",
+     {"frobnicate"},
+     "frobnicate: no such command; there are status, power, config, mem, ip, cluster, msg, cmd, log"},
+    {"EmptyCommand", {""}, "\"\": no such command; there are status, power, config, mem, ip, cluster, msg, cmd, log"},
+    {"CommandOfTwoLines", {"stat\nus"}, "stat\\nus: no such command; did you mean status?"},
+    {"NoSubcommand", {"ip"}, "ip: which command? there are ls, add, del"},
+    {"MisspeltSubcommand", {"ip", "dell"}, "ip: dell: no such command; did you mean del?"},
+    {"StrangeSubcommand", {"power", "cycle"}, "power: cycle: no such command; there are on, off, status"},
+    {"MisspeltGlobalOption", {"--jsno", "status"}, "status: --jsno: no such option; did you mean --json?"},
+    {"MisspeltOptionAfterCommand",
+     {"status", "--tiemout-ms=5"},
+     "status: --tiemout-ms: no such option; did you mean --timeout-ms?"},
+    {"MisspeltOptionOfCommand", {"mem", "--al"}, "mem: --al: no such option; did you mean --all?"},
+    {"MisspeltOptionInsteadOfArgument",
+     {"ip", "add", "--jsno"},
+     "ip add: --jsno: no such option; did you mean --json?"},
+    {"StrangeOption", {"log", "level", "-x"}, "log level: -x: no such option; nasctl log level --help tells the form"},
+    {"StrangeOptionWithoutCommand", {"-x"}, "-x: no such option; nasctl --help tells the form"},
+    {"OptionWithoutValue", {"--root"}, "--root needs a value"},
+    {"FlagWithValue", {"status", "--json=5"}, "status: --json takes no value"},
+    {"EmptyRoot",
+     {"--root", "", "status"},
+     "status: --root and the sockets' options need a path, an empty one was given"},
+    {"TimeoutThatIsNoNumber",
+     {"--timeout-ms", "soon", "status"},
+     "status: --timeout-ms: \"soon\" is not a number from 1 to 3600000"},
+    {"TimeoutOfNothing",
+     {"--timeout-ms", "0", "status"},
+     "status: --timeout-ms: \"0\" is not a number from 1 to 3600000"},
+    {"TooManyArguments", {"status", "all"}, "status: all: one argument too many; nasctl status --help tells the form"},
+    {"SecondCommand",
+     {"power", "on", "status"},
+     "power on: status: one argument too many; nasctl power on --help tells the form"},
+    {"NoAddressToAdd", {"ip", "add"}, "ip add: ADDR is required; nasctl ip add --help tells the form"},
+    {"NoAddressToDelete", {"ip", "del"}, "ip del: ADDR is required; nasctl ip del --help tells the form"},
+    {"NoClusterToAdd", {"cluster", "add"}, "cluster add: ID is required; nasctl cluster add --help tells the form"},
+    {"NoClusterToRemove", {"cluster", "rm"}, "cluster rm: ID is required; nasctl cluster rm --help tells the form"},
+    {"LocalCluster",
+     {"cluster", "add", "5", "0"},
+     "cluster add: ID: \"0\" is not a number from 1 to 18446744073709551615"},
+    {"NegativeCluster",
+     {"cluster", "rm", "-5"},
+     "cluster rm: ID: \"-5\" is not a number from 1 to 18446744073709551615"},
+    {"ClusterBeyond64Bits",
+     {"cluster", "add", "18446744073709551616"},
+     "cluster add: ID: \"18446744073709551616\" is not a number from 1 to 18446744073709551615"},
+    {"MessageWithoutModule", {"msg", "--opcode", "1"}, "msg: --module is required; nasctl msg --help tells the form"},
+    {"MessageWithoutOpcode", {"msg", "--module", "3"}, "msg: --opcode is required; nasctl msg --help tells the form"},
+    {"MessageModuleBeyond32Bits",
+     {"msg", "--module", "4294967296", "--opcode", "1"},
+     "msg: --module: \"4294967296\" is not a number from 0 to 4294967295"},
+    {"MessageOpcodeWithoutDigits",
+     {"msg", "--module", "3", "--opcode", "0x"},
+     "msg: --opcode: \"0x\" is not a number from 0 to 4294967295"},
+    {"MessageWithHalfAByte",
+     {"msg", "--module", "3", "--opcode", "1", "0a1"},
+     "msg: HEX: the digit at character 3 stands alone; a byte takes two hex digits"},
+    {"MessageThatIsNotHex",
+     {"msg", "--module", "3", "--opcode", "1", "0x0a"},
+     "msg: HEX: character 2 is \"x\", not a hex digit"},
+    {"CommandWithoutItsName",
+     {"cmd", "-m", "nas_fmm"},
+     "cmd: -c COMMAND is missing; nasctl cmd alone lists the modules and their commands"},
+    {"CommandWithoutModule",
+     {"cmd", "-c", "dump"},
+     "cmd: -m MODULE is missing; nasctl cmd alone lists the modules and their commands"},
+    {"ValueWithoutCommand",
+     {"cmd", "-v", "1"},
+     "cmd: -m MODULE is missing; nasctl cmd alone lists the modules and their commands"},
+    {"CommandThatIsNotUtf8", {"cmd", "-m", "nas_fmm", "-c", "\xff"}, "cmd: an argument is not UTF-8 text"},
+    {"LevelTooHigh", {"log", "level", "8"}, "log level: LEVEL: \"8\" is not a number from 0 to 7"},
+    {"EmptyLevel", {"log", "level", ""}, "log level: LEVEL: \"\" is not a number from 0 to 7"},
+    {"NoSuchClass", {"log", "level", "--class", "4"}, "log level: --class: \"4\" is not a number from 0 to 3"},
+    {"NoSuchClassToSet",
+     {"log", "level", "5", "--class", "x"},
+     "log level: --class: \"x\" is not a number from 0 to 3"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Lines, Usage, testing::ValuesIn(kWrongLines), rowName);
+
+TEST(Help, VersionIsOneLine)
+{
+    EXPECT_EQ(runNasctl({"--version"}), (Outcome{"nasctl " NASCTL_VERSION "\n", "", 0}));
+}
+
+TEST(Help, NamesEveryCommandAndTheExitCodes)
+{
+    const Outcome outcome = runNasctl({"--help"});
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_EQ(outcome.err, "");
+    for (const char *word :
+         {"\n  status ", "\n  power ", "\n  config ", "\n  mem ", "\n  ip ", "\n  cluster ", "\n  msg ", "\n  cmd ",
+          "\n  log ", "--root DIR", "--json", "Exit codes: 0 done, 1 failed, 2 "}) {
+        EXPECT_NE(outcome.out.find(word), std::string::npos) << word;
+    }
+}
+
+TEST(Help, OfACommandTellsItsOwnOptions)
+{
+    EXPECT_EQ(runNasctl({"log", "level", "--help"}), (Outcome{"Print the levels, or set one\n"
+                                                              "Usage: nasctl log level [OPTIONS] [LEVEL]\n"
+                                                              "\n"
+                                                              "Positionals:\n"
+                                                              "  LEVEL                       New level, 0 to 7\n"
+                                                              "\n"
+                                                              "Options:\n"
+                                                              "  -h,--help                   Print this help\n"
+                                                              "  --class N                   Of this class, 0 to 3, "
+                                                              "instead of the threshold\n"
+                                                              "\n",
+                                                              "", 0}));
+}
+
+} // namespace
