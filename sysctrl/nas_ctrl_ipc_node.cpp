@@ -32,7 +32,7 @@ int32_t GetCurNodeIpList(node_ip_list **rsp)
 {
     void *list = nullptr;
     const int32_t ret = nas::ask(nas::QueryId::curNodeIpList, nullptr, rsp != nullptr ? &list : nullptr);
-    if (ret == 0) {
+    if (rsp != nullptr && ret == 0) {
         *rsp = static_cast<node_ip_list *>(list);
     }
     return ret;
@@ -65,7 +65,7 @@ int32_t GetIpListInfo(const void *req, void **rsp)
     }
     uint32_t count = 0;
     memcpy(&count, req, sizeof count);
-    const auto length = static_cast<uint32_t>(count * kIpEntrySize + sizeof count);
+    const uint32_t length = count * kIpEntrySize + uint32_t{sizeof count};
     const auto reqMsg = POOL_OWNER(POOL_ZALLOC(length));
     if (reqMsg == nullptr) {
         LOG_NULL("reqMsg", "-ENOMEM", -ENOMEM);
