@@ -405,6 +405,7 @@ TEST(Memory, KeepsExactAccountsUnderManyThreads)
 // In a process of its own, because the table stays full.
 TEST(Memory, CollectsTheRestInOneAccountWhenThereAreTooManySourceLines)
 {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(fillTheTableOfAccounts(), testing::ExitedWithCode(0), "");
 }
 
