@@ -30,7 +30,7 @@ struct MessageCounters {
 
 // Throws std::runtime_error with one clear line, for example when another process listens on the socket.
 void startMessageService(const MessageSettings &settings);
-// Closes every connection, waits for handlers that run, removes the socket.
+// Closes every connection, waits for handlers that run, removes the socket. Not from a handler.
 void stopMessageService();
 
 // From any thread; never waits for a handler.

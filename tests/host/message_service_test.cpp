@@ -1,6 +1,7 @@
 // The message service as its clients meet it: over its socket, byte by byte.
 #include "message/message_service.h"
 
+#include "counted_new.h"
 #include "message_peer.h"
 #include "recorded_log.h"
 #include <atomic>
@@ -8,7 +9,6 @@
 #include <future>
 #include <gmock/gmock.h>
 #include <nasctrl/host/message.h>
-#include <new>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,34 +16,6 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-namespace {
-
-std::atomic<size_t> largestAllocation;
-
-} // namespace
-
-// Every new of the program is seen, so that a test can tell what a client made the service allocate.
-void *operator new(size_t size)
-{
-    size_t seen = largestAllocation.load();
-    while (size > seen && !largestAllocation.compare_exchange_weak(seen, size)) {
-    }
-    if (void *block = malloc(size)) {
-        return block;
-    }
-    throw std::bad_alloc();
-}
-
-void operator delete(void *block) noexcept
-{
-    free(block);
-}
-
-void operator delete(void *block, size_t) noexcept
-{
-    free(block);
-}
 
 namespace {
 
@@ -602,13 +574,13 @@ TEST_F(MessageService, AllocatesForBytesThatArriveNotForALengthThatIsAnnounced)
     appendWord(announced, 1048596);
     announced += frame(kScripted, 1, 1).substr(4);
     recorded::clear();
-    largestAllocation = 0;
+    counted::largest = 0;
 
     peer.send(announced + std::string(1000, 'x'));
     peer.hangUp();
 
     ASSERT_TRUE(recorded::await("3 message: client " + ownPid() + " is closed: it left in the middle of a frame"));
-    EXPECT_LE(largestAllocation, 8192U);
+    EXPECT_LE(counted::largest, 8192U);
 }
 
 TEST_F(MessageService, StopsReadingFromAClientThatDoesNotReadItsAnswers)

@@ -63,7 +63,7 @@ NASCTRL_API uint32_t SvrSendResponse(svr_msg_t *record, const void *reply, uint3
 /*
  * Asks the storage-side service and blocks until it answers. Returns 0 and stores a block of the memory pool, which
  * the caller frees with nas_mem_comm_free, and its length; or a negative errno: -110 (-ETIMEDOUT) when no answer came
- * in time, another for every other failure.
+ * in time, another for every other failure. An empty answer is a null block of length 0, and so is a failure.
  */
 NASCTRL_API int32_t svr_upcall_sync(const svr_call_t *call, void **response, uint32_t *response_length);
 
