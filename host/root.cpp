@@ -73,7 +73,7 @@ bool liesUnder(const std::filesystem::path &path, const std::filesystem::path &d
 
 std::string optOf(const std::string &root)
 {
-    const std::string opt = root + kSharedDirectory;
+    std::string opt = root + kSharedDirectory;
     struct stat status {};
     if (stat(opt.c_str(), &status) != 0) {
         throw std::runtime_error("--root: " + opt + " cannot be used: " + reason(errno));

@@ -128,11 +128,11 @@ void runStep(const Step &step, const NodeOptions &options)
         result = step.run(options);
         why = step.name + std::string(" failed with ") + std::to_string(result) + ", the log tells why";
     } catch (const std::exception &error) {
-        why = step.name + std::string(": ") + error.what();
+        why = error.what();
     }
     recordStartStep(step.name, result);
     if (result != 0) {
-        HOST_LOG(NASCTRL_LOG_ERROR, "start: %s", why.c_str());
+        HOST_LOG(NASCTRL_LOG_ERROR, "start: %s: %s", step.name, why.c_str());
         throw std::runtime_error(why);
     }
     if (step.stop != nullptr) {

@@ -35,7 +35,7 @@ bool needsValue(const Command &command)
 // so no answer: then it is the code of a failure, as any other.
 CommandAnswer answerIn(const std::string &buffer, const std::string &value, int32_t result)
 {
-    const std::string text = buffer.c_str();
+    const std::string text = buffer.substr(0, buffer.find('\0'));
     if (result <= 0 || text == value) {
         return {result, ""};
     }
@@ -54,6 +54,7 @@ std::vector<Command> commands()
 {
     const std::lock_guard hold(s_lock);
     std::vector<Command> all;
+    all.reserve(s_commands.size());
     for (const auto &[key, command] : s_commands) {
         all.push_back(command);
     }

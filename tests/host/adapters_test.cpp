@@ -253,6 +253,7 @@ TEST_F(Adapters, AnswerTheLibrarysOwnListAsWorkingAddresses)
     fake::listAddress("127.0.0.1", 3, 63);
     fake::listAddress(std::string(45, 'f'), 5, 0);
     const List list = currentList(0);
+    ASSERT_NE(list, nullptr);
     ASSERT_EQ(list->count, 2U);
     EXPECT_EQ(list->result, 0);
     EXPECT_STREQ(list->entries[0].addr, "127.0.0.1");
@@ -264,7 +265,9 @@ TEST_F(Adapters, AnswerTheLibrarysOwnListAsWorkingAddresses)
 
 TEST_F(Adapters, AnswerAnEmptyListForANodeWithoutAddresses)
 {
-    EXPECT_EQ(currentList(0)->count, 0U);
+    const List list = currentList(0);
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(list->count, 0U);
 }
 
 TEST_F(Adapters, LeaveTheListUnlockedBehindThem)
