@@ -97,11 +97,10 @@ Failure transferFailure(CURL *handle, CURLcode code, const Session &session)
 
 void setTarget(CURL *handle, const Session &session, const std::string &path)
 {
+    // A Unix socket also keeps the environment's proxies away.
     curl_easy_setopt(handle, CURLOPT_UNIX_SOCKET_PATH, session.adminSocket.c_str());
     curl_easy_setopt(handle, CURLOPT_URL, ("http://localhost" + path).c_str());
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http");
-    // An empty proxy also keeps the environment's proxies away.
-    curl_easy_setopt(handle, CURLOPT_PROXY, "");
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(session.timeout.count()));
     curl_easy_setopt(handle, CURLOPT_USERAGENT, "nasctl/" NASCTL_VERSION);
