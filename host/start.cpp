@@ -7,6 +7,7 @@
 #include "cluster/cm_client.h"
 #include "node.h"
 #include "power.h"
+#include "storage/embedded.h"
 
 #include <cerrno>
 #include <cstring>
@@ -44,6 +45,9 @@ int32_t makeSocketDirectories(const NodeOptions &options)
 {
     makeSocketDirectory(options.messages.socketPath);
     makeSocketDirectory(options.adminSocket);
+    if (options.embedsStorage) {
+        makeSocketDirectory(options.messages.storageSocketPath);
+    }
     return 0;
 }
 
@@ -90,6 +94,14 @@ constexpr Step kSteps[] = {
      }},
     {"configuration files", checkConfigurationFiles},
     {"socket directories", makeSocketDirectories},
+    {"storage service",
+     [](const NodeOptions &o) {
+         if (o.embedsStorage) {
+             startEmbeddedStorage(o.messages.storageSocketPath, o.storageData);
+         }
+         return 0;
+     },
+     stopEmbeddedStorage},
     {"message service",
      [](const NodeOptions &o) {
          startMessageService(o.messages);

@@ -1,7 +1,8 @@
 /*
  * Everything but reload() runs on the service's one thread. A connection lives as long as an operation of it is under
- * way: a read, a write or a wait for the time of a slow answer. While an answer has not gone out whole, or as many as
- * kMaxSlow wait for their time, nothing more is read from that connection.
+ * way: a read, a write or a wait for the time of a slow answer. While an answer has not gone out whole, nothing more is
+ * read from that connection. Slow answers hold nothing up, so that a connection on which many wait still carries the
+ * request that ends the fault; more than kMaxSlow at a time are not sent at all.
  */
 #include "service.h"
 
@@ -63,7 +64,7 @@ public:
     // Answers what has arrived, as far as there is room for answers, and then waits for more.
     void serve()
     {
-        while (out_.empty() && slow_ < kMaxSlow && !reading_) {
+        while (out_.empty() && !reading_) {
             host::FrameHeader request{};
             const host::FrameState state = host::peekFrame(in_.arrived(), request);
             if (state == host::FrameState::Incomplete) {
@@ -102,10 +103,10 @@ private:
         if (!reply) {
             return;
         }
-        if (reply->delay.count() > 0) {
-            sendLater(frameOf(request, *reply), reply->delay);
-        } else {
+        if (reply->delay.count() == 0) {
             send(frameOf(request, *reply));
+        } else if (slow_ < kMaxSlow) {
+            sendLater(frameOf(request, *reply), reply->delay);
         }
     }
 
@@ -116,7 +117,6 @@ private:
         timer->async_wait([self = shared_from_this(), timer, frame = std::move(frame)](const Error &) mutable {
             --self->slow_;
             self->send(std::move(frame));
-            self->serve();
         });
     }
 
