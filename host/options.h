@@ -26,7 +26,7 @@ struct NodeOptions {
     std::string storageData;   // the embedded service's data file; empty = none
     std::string adminSocket;
     LogSettings log;
-    LwtBackend lwtBackend = LwtBackend::fibers;
+    LwtBackend lwtBackend = kDefaultLwtBackend;
     unsigned lwtWorkers = 2;
     AdapterSettings adapters;
     std::optional<unsigned> period; // seconds between address queries; nothing = the library's own

@@ -60,9 +60,13 @@ int32_t shutDoor(void *, void *)
 
 } // namespace
 
-int32_t registerPower()
+void shutServiceDoor()
 {
     setDoor(0);
+}
+
+int32_t registerPower()
+{
     return nas_ctrl_power_reg(openDoor, shutDoor);
 }
 

@@ -193,7 +193,7 @@ int32_t CreateThreadForIpAdd(const char *addr, uint32_t protoType)
         LOG_NULL("addr", "NAS_ERROR", NAS_ERROR);
         return static_cast<int32_t>(NAS_ERROR);
     }
-    auto *work = POOL_NEW(ip_add_work);
+    auto *work = static_cast<ip_add_work *>(POOL_ALLOC(sizeof(ip_add_work)));
     if (work == nullptr) {
         LOG_ERROR("malloc ipInfo failed, ip(%s, %u)", addr, protoType);
         NasIpMgrAddToList(addr, protoType, 0);

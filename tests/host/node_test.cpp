@@ -55,8 +55,9 @@ protected:
     }
 };
 
-TEST_F(Power, ShutsTheDoorUntilTheServiceIsSwitchedOn)
+TEST_F(Power, OpensTheDoorWhenTheServiceIsSwitchedOn)
 {
+    host::shutServiceDoor();
     EXPECT_EQ(host::registerPower(), 0);
     EXPECT_EQ(g_floatIpSupport, 0U);
     EXPECT_EQ(g_nas_power_mgr.start(nullptr, nullptr), 0);

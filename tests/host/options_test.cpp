@@ -62,7 +62,7 @@ TEST(Options, HaveDefaultsForANodeOfItsOwn)
     EXPECT_EQ(options.messages.storageTimeout, std::chrono::milliseconds(3000));
     EXPECT_FALSE(options.adapters.hasStorage);
     EXPECT_THAT(options.adapters.lsIds, ElementsAre(1));
-    EXPECT_EQ(options.lwtBackend, host::LwtBackend::fibers);
+    EXPECT_EQ(options.lwtBackend, host::kDefaultLwtBackend);
     EXPECT_TRUE(options.log.console);
     EXPECT_THAT(options.log.classLevels, ElementsAre(6, 4, 4, 3));
     EXPECT_EQ(options.period, std::nullopt);
