@@ -334,7 +334,7 @@ void setDefaults(NodeOptions &options)
     if (options.embedsStorage) {
         options.messages.storageSocketPath = run + "/storage.sock";
     } else if (!options.storageData.empty()) {
-        throw UsageError("storage-data: not together with storage-socket, whose service has data of its own");
+        throw UsageError("--storage-data: not together with --storage-socket, whose service has data of its own");
     }
     options.adapters.hasStorage = !options.embedsStorage || !options.storageData.empty();
 }
