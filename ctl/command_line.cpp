@@ -42,6 +42,7 @@ private:
     void defineClusters();
     void defineCommands();
     void defineLog();
+    void defineStorage();
 
     CLI::App *recognised() const;
     std::string commandName() const;
@@ -88,6 +89,7 @@ Grammar::Grammar()
     defineClusters();
     defineCommands();
     defineLog();
+    defineStorage();
     app_.footer("Global options may also follow the command; nasctl COMMAND --help tells more of each.\n"
                 "Exit codes: 0 done, 1 failed, 2 the command line is wrong.");
 }
@@ -191,6 +193,16 @@ void Grammar::defineLog()
     });
     addText(level, "LEVEL", args_.level, "New level, 0 to 7", "");
     addText(level, "--class", args_.logClass, "Of this class, 0 to 3, instead of the threshold", "N");
+}
+
+void Grammar::defineStorage()
+{
+    CLI::App *storage = family("storage", "The storage-side service: status, fault");
+    leaf(storage, "status", "What it was asked, and the faults it was told to have", showStorage);
+    CLI::App *fault = leaf(storage, "fault", "Tell it how to answer questions of a type, or of all",
+                           [this](const Session &session) { return setStorageFault(session, args_.words); });
+    collectWords(fault, "[TYPE|all] none|slow MS|timeout|short BYTES|fail CODE",
+                 "An answer as it should be, late, none, cut, or an error", args_.words, true);
 }
 
 CLI::App *Grammar::recognised() const

@@ -4,6 +4,7 @@
 #include "options.h"
 #include "root.h"
 #include "start.h"
+#include "storage/embedded.h"
 
 #include <csignal>
 #include <cstdio>
@@ -15,29 +16,33 @@ namespace {
 constexpr int kCannotStart = 1;
 constexpr int kUsage = 2;
 
-sigset_t stopSignals()
+sigset_t handledSignals()
 {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGHUP);
     return signals;
 }
 
 // Before any thread exists, so that all of them inherit the mask and only waitForStop takes a signal.
 void prepareSignals()
 {
-    const sigset_t signals = stopSignals();
+    const sigset_t signals = handledSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 }
 
-// From its return on a second signal has its default effect and ends the process at once.
+// Takes the storage-side data anew on SIGHUP. From its return on a second signal has its default effect and ends the
+// process at once.
 void waitForStop()
 {
-    const sigset_t signals = stopSignals();
+    const sigset_t signals = handledSignals();
     int received = 0;
-    sigwait(&signals, &received);
+    while (sigwait(&signals, &received) == 0 && received == SIGHUP) {
+        host::reloadEmbeddedStorage();
+    }
     HOST_LOG(NASCTRL_LOG_PROGRESS, "stop: signal %d", received);
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }

@@ -155,8 +155,11 @@ constexpr OptionRow kRows[] = {
      [](NodeOptions &o, const std::string &text) { o.messages.socketPath = path(text); }},
     {"admin-socket", "PATH", "Where nasctl connects [ROOT/run/admin.sock]",
      [](NodeOptions &o, const std::string &text) { o.adminSocket = path(text); }},
-    {"storage-socket", "PATH", "Where the storage-side service listens [none]",
+    {"storage-socket", "PATH", "Where a storage-side service of its own process listens [none]",
      [](NodeOptions &o, const std::string &text) { o.messages.storageSocketPath = path(text); }},
+    {"storage-data", "FILE",
+     "Data of the storage-side service in this process; the node's addresses come from it [none]",
+     [](NodeOptions &o, const std::string &text) { o.storageData = path(text); }},
     {"storage-timeout-ms", "MS", "How long to wait for the storage-side service [3000]",
      [](NodeOptions &o, const std::string &text) {
          o.messages.storageTimeout = std::chrono::milliseconds(count(text, kMaxStorageTimeoutMs));
@@ -327,7 +330,13 @@ void setDefaults(NodeOptions &options)
     if (options.adapters.lsIds.empty()) {
         options.adapters.lsIds = {options.nodeId};
     }
-    options.adapters.hasStorage = !options.messages.storageSocketPath.empty();
+    options.embedsStorage = options.messages.storageSocketPath.empty();
+    if (options.embedsStorage) {
+        options.messages.storageSocketPath = run + "/storage.sock";
+    } else if (!options.storageData.empty()) {
+        throw UsageError("--storage-data: not together with --storage-socket, whose service has data of its own");
+    }
+    options.adapters.hasStorage = !options.embedsStorage || !options.storageData.empty();
 }
 
 // The texts of the command line, by option.

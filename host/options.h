@@ -22,6 +22,8 @@ struct NodeOptions {
     uint32_t nodeId = 1;
     std::vector<ModuleConfig> modules;
     MessageSettings messages;
+    bool embedsStorage = true; // the storage-side service is not a process of its own
+    std::string storageData;   // the embedded service's data file; empty = none
     std::string adminSocket;
     LogSettings log;
     LwtBackend lwtBackend = kDefaultLwtBackend;

@@ -8,6 +8,7 @@
 #include "config/ini_file.h"
 #include "node.h"
 #include "power.h"
+#include "storage/embedded.h"
 
 #include <filesystem>
 #include <nasctrl/nasctrl.h>
@@ -42,6 +43,9 @@ int32_t makeSocketDirectories(const NodeOptions &options)
 {
     makeSocketDirectory(options.messages.socketPath);
     makeSocketDirectory(options.adminSocket);
+    if (options.embedsStorage) {
+        makeSocketDirectory(options.messages.storageSocketPath);
+    }
     return 0;
 }
 
@@ -88,6 +92,14 @@ constexpr Step kSteps[] = {
      }},
     {"configuration files", checkConfigurationFiles},
     {"socket directories", makeSocketDirectories},
+    {"storage service",
+     [](const NodeOptions &o) {
+         if (o.embedsStorage) {
+             startEmbeddedStorage(o.messages.storageSocketPath, o.storageData);
+         }
+         return 0;
+     },
+     stopEmbeddedStorage},
     {"message service",
      [](const NodeOptions &o) {
          startMessageService(o.messages);

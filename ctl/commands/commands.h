@@ -45,4 +45,8 @@ int setLogLevel(const Session &session, const std::string &level, const std::opt
 // Accounts with live blocks, or all that ever had one.
 int showMemory(const Session &session, bool all);
 
+int showStorage(const Session &session);
+// [TYPE|all] FAULT [VALUE]
+int setStorageFault(const Session &session, const Words &words);
+
 } // namespace ctl

@@ -44,7 +44,7 @@ void fill(node_ip_list &list)
     }
 }
 
-// Without a storage-side service the node's addresses are those it was sent notices of: the library's own list, so
+// Without storage-side data the node's addresses are those it was sent notices of: the library's own list, so
 // that a pass keeps them and tries the modules again that refused one.
 int32_t listOwnAddresses(node_ip_list **list)
 {

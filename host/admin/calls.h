@@ -31,5 +31,7 @@ Json postCommand(const CallInput &input);
 Json getLog(const CallInput &input);
 Json putLog(const CallInput &input);
 Json getMemory(const CallInput &input);
+Json getStorageFaults(const CallInput &input);
+Json postStorageFault(const CallInput &input);
 
 } // namespace host::admin

@@ -33,6 +33,8 @@ constexpr std::array kRoutes = {
     Route{"GET", "/v1/log", Effect::reads, getLog},
     Route{"PUT", "/v1/log", Effect::changes, putLog},
     Route{"GET", "/v1/memory", Effect::reads, getMemory},
+    Route{"GET", "/v1/storage/faults", Effect::reads, getStorageFaults},
+    Route{"POST", "/v1/storage/faults", Effect::changes, postStorageFault},
 };
 
 bool pathMatches(const Route &route, std::string_view path)

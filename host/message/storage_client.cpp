@@ -236,9 +236,8 @@ int copyAnswer(std::span<const std::byte> payload, void **response, uint32_t *le
     return 0;
 }
 
-int32_t ask(const svr_call_t &call, void **response, uint32_t *length)
+int32_t ask(const Settings &now, const svr_call_t &call, void **response, uint32_t *length)
 {
-    const Settings now = currentSettings();
     const auto deadline = Clock::now() + now.timeout;
     int error = 0;
     auto connection = connectionFor(now, error);
@@ -277,6 +276,13 @@ void configureStorageClient(const std::string &path, std::chrono::milliseconds t
     localNodeId = nodeId;
 }
 
+int32_t callStorage(const svr_call_t &call, std::chrono::milliseconds timeout, void **response, uint32_t *length)
+{
+    Settings now = currentSettings();
+    now.timeout = timeout;
+    return ask(now, call, response, length);
+}
+
 } // namespace host
 
 int32_t svr_upcall_sync(const svr_call_t *call, void **response, uint32_t *response_length)
@@ -293,7 +299,7 @@ int32_t svr_upcall_sync(const svr_call_t *call, void **response, uint32_t *respo
                  host::kMaxPayload);
         return -EMSGSIZE;
     }
-    return host::ask(*call, response, response_length);
+    return host::ask(host::currentSettings(), *call, response, response_length);
 }
 
 uint32_t IpcGetLocalNid(void)

@@ -39,7 +39,8 @@ struct Name {
 };
 constexpr Name kLevelNames[] = {
     {NASCTRL_LOG_ERROR, "error"}, {NASCTRL_LOG_PROGRESS, "progress"}, {NASCTRL_LOG_INFO, "info"}};
-constexpr Name kModuleNames[] = {{NASCTRL_LOG_MODULE, "nasctrl"}, {host::kLogModule, "nasctrld"}};
+constexpr Name kModuleNames[] = {
+    {NASCTRL_LOG_MODULE, "nasctrl"}, {host::kLogModule, "nasctrld"}, {host::kStorageLogModule, "nasstored"}};
 
 constinit std::atomic<uint32_t> g_threshold{NASCTRL_LOG_INFO};
 constinit std::array<std::atomic<uint32_t>, host::kLogClasses> g_classLevels{6, 4, 4, 3};

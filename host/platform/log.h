@@ -15,6 +15,7 @@
 namespace host {
 
 constexpr uint32_t kLogModule = 700;
+constexpr uint32_t kStorageLogModule = 701; // the storage-side service, wherever it runs
 constexpr uint32_t kLogClasses = 4;
 constexpr uint32_t kMaxLogLevel = 7;
 

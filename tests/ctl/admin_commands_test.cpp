@@ -77,6 +77,19 @@ constexpr char kConfig[] = R"({"getters": [{"name": "DpcGetClusterId", "result":
                            R"( {"name": "NasGetTuning", "result": 1, "value": null},)"
                            R"( {"name": "CTRL_GetCfgLsList", "result": 0, "value": [3, 4]}]})";
 
+constexpr char kStorage[] =
+    R"({"pid": 4711, "data": "", "error": "/d.json line 3: zone_domain: is given twice", "questions": [)"
+    R"({"type": 1, "name": "node addresses", "fault": "none", "value": null, "requests": 12},)"
+    R"( {"type": 15, "name": "zone domain", "fault": "slow", "value": 250, "requests": 0}]})";
+
+constexpr char kStorageTables[] = "pid     4711\n"
+                                  "data    none\n"
+                                  "reload  /d.json line 3: zone_domain: is given twice\n"
+                                  "\n"
+                                  "TYPE  QUESTION        REQUESTS  FAULT\n"
+                                  "   1  node addresses        12  none\n"
+                                  "  15  zone domain            0  slow 250\n";
+
 constexpr char kCommands[] = R"({"commands": [{"module": "nas_fmm", "command": "dump", "usage": "dump SHARD"},)"
                              R"( {"module": "cloud_adapt", "command": "ls", "usage": ""}]})";
 
@@ -248,6 +261,25 @@ const Row kRows[] = {
      "FspGetFmmBuffer            2        1024            40\n"
      "nas_lifport_add            0           0             2\n"
      "total                      2        1024            42\n"},
+    {"StorageStatus", {"storage", "status"}, "GET /v1/storage/faults", "", kStorage, kStorageTables},
+    {"FaultOfAType",
+     {"storage", "fault", "3", "slow", "250"},
+     "POST /v1/storage/faults",
+     R"({"fault":"slow","type":3,"value":250})",
+     kStorage,
+     kStorageTables},
+    {"FaultOfAllTypes",
+     {"storage", "fault", "all", "timeout"},
+     "POST /v1/storage/faults",
+     R"({"fault":"timeout","type":"all"})",
+     kStorage,
+     kStorageTables},
+    {"FaultWithoutAType",
+     {"storage", "fault", "fail", "-110"},
+     "POST /v1/storage/faults",
+     R"({"fault":"fail","type":"all","value":110})",
+     kStorage,
+     kStorageTables},
     {"BusyMemory",
      {"mem"},
      "GET /v1/memory",

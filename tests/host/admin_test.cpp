@@ -10,6 +10,7 @@
 #include "notify/commands.h"
 #include "platform/log.h"
 #include "platform/memory.h"
+#include "storage/control.h"
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -50,6 +51,9 @@ struct Node {
     host::MessageCounters counters{};
     std::vector<host::MemoryAccount> accounts;
     std::string memoryError; // what memoryAccounts throws, unless empty
+    std::string storageAnswer;
+    std::string storageFailure; // what askStorageControl throws, unless empty
+    std::pair<uint32_t, std::string> storageAsked;
     std::vector<host::Command> commands;
     std::function<host::CommandAnswer(const std::optional<std::string> &)> run;
     uint32_t threshold = 6;
@@ -254,6 +258,15 @@ MessageCounters messageCounters()
 {
     return g_node.counters;
 }
+std::string askStorageControl(uint32_t opcode, const std::string &request)
+{
+    if (!g_node.storageFailure.empty()) {
+        throw std::runtime_error(g_node.storageFailure);
+    }
+    g_node.storageAsked = {opcode, request};
+    return g_node.storageAnswer;
+}
+
 std::vector<MemoryAccount> memoryAccounts()
 {
     if (!g_node.memoryError.empty()) {
@@ -594,7 +607,46 @@ TEST_F(AdminDoor, MemoryShowsEveryAccountAndTheSums)
               R"("blocks":3,"bytes":4294967306})");
 }
 
+TEST_F(AdminDoor, StorageFaultsAreWhatTheServiceTellsOfItself)
+{
+    g_node.storageAnswer = R"({"pid":1,"data":"","error":"bad line","questions":[]})";
+
+    EXPECT_EQ(bodyOf("GET", "/v1/storage/faults"), g_node.storageAnswer);
+    EXPECT_EQ(g_node.storageAsked, (std::pair(1U, std::string())));
+}
+
 // ---- what the changing calls do
+
+TEST_F(AdminDoor, AStorageFaultIsHandedToTheServiceAsItCame)
+{
+    g_node.storageAnswer = R"({"pid":1,"data":"","error":"","questions":[]})";
+
+    EXPECT_EQ(bodyOf("POST", "/v1/storage/faults", R"({"type": 3, "fault": "none"})"), g_node.storageAnswer);
+    EXPECT_EQ(g_node.storageAsked, (std::pair(2U, std::string(R"({"type": 3, "fault": "none"})"))));
+}
+
+TEST_F(AdminDoor, AStorageFaultThatTheServiceRefusesIsABadRequest)
+{
+    g_node.storageAnswer = R"({"error":"fault: is none"})";
+
+    const Response response = call("POST", "/v1/storage/faults", "{}");
+
+    EXPECT_EQ(response.status, 400);
+    EXPECT_EQ(response.body, g_node.storageAnswer);
+}
+
+TEST_F(AdminDoor, AStorageServiceThatSaysNothingUsefulIsAnInternalError)
+{
+    g_node.storageAnswer = "garbage";
+    const Response garbage = call("GET", "/v1/storage/faults");
+    EXPECT_EQ(garbage.status, 500);
+    EXPECT_EQ(garbage.body, R"({"error":"the storage service's answer is no JSON object"})");
+
+    g_node.storageFailure = "the storage service does not answer: Connection refused";
+    const Response silence = call("GET", "/v1/storage/faults");
+    EXPECT_EQ(silence.status, 500);
+    EXPECT_EQ(silence.body, R"({"error":"the storage service does not answer: Connection refused"})");
+}
 
 TEST_F(AdminDoor, PowerIsSwitchedOnAndOff)
 {

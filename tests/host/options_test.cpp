@@ -58,7 +58,9 @@ TEST(Options, HaveDefaultsForANodeOfItsOwn)
     EXPECT_EQ(options.messages.nodeId, 1U);
     EXPECT_EQ(options.messages.socketPath, "/run/nasctrl/message.sock");
     EXPECT_EQ(options.adminSocket, "/run/nasctrl/admin.sock");
-    EXPECT_EQ(options.messages.storageSocketPath, "");
+    EXPECT_EQ(options.messages.storageSocketPath, "/run/nasctrl/storage.sock");
+    EXPECT_TRUE(options.embedsStorage);
+    EXPECT_EQ(options.storageData, "");
     EXPECT_EQ(options.messages.storageTimeout, std::chrono::milliseconds(3000));
     EXPECT_FALSE(options.adapters.hasStorage);
     EXPECT_THAT(options.adapters.lsIds, ElementsAre(1));
@@ -74,6 +76,23 @@ TEST(Options, PutTheSocketsUnderTheRoot)
     const NodeOptions options = parse({"--root", "/srv/node1/"});
     EXPECT_EQ(options.messages.socketPath, "/srv/node1/run/message.sock");
     EXPECT_EQ(options.adminSocket, "/srv/node1/run/admin.sock");
+    EXPECT_EQ(options.messages.storageSocketPath, "/srv/node1/run/storage.sock");
+}
+
+TEST(Options, StorageDataMakesTheEmbeddedServiceTheSourceOfTheAddresses)
+{
+    const NodeOptions options = parse({"--storage-data", "/d.json"});
+    EXPECT_EQ(options.storageData, "/d.json");
+    EXPECT_TRUE(options.embedsStorage);
+    EXPECT_TRUE(options.adapters.hasStorage);
+}
+
+TEST(Options, AStorageSocketIsThatOfAnotherProcess)
+{
+    const NodeOptions options = parse({"--root", "/r", "--storage-socket", "/s"});
+    EXPECT_EQ(options.messages.storageSocketPath, "/s");
+    EXPECT_FALSE(options.embedsStorage);
+    EXPECT_TRUE(options.adapters.hasStorage);
 }
 
 TEST(Options, TakeEveryFlag)
@@ -157,6 +176,9 @@ struct RefusalRow {
 TEST(Options, AreRefusedInOneLineThatSaysWhatTheValueIsNot)
 {
     const RefusalRow rows[] = {
+        {"two storage services",
+         {"--storage-socket", "/s", "--storage-data", "/d"},
+         "--storage-data: not together with --storage-socket, whose service has data of its own"},
         {"letters", {"--node-id", "abc"}, "--node-id: abc is not a whole number from 1 to 4294967295"},
         {"zero id", {"--node-id", "0"}, "--node-id: 0 is not a whole number from 1 to 4294967295"},
         {"trailing text", {"--node-id", "1x"}, "--node-id: 1x is not a whole number from 1 to 4294967295"},

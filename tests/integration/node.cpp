@@ -129,6 +129,16 @@ Node::~Node()
     }
 }
 
+void Node::option(const std::string &name, const std::string &value)
+{
+    options_.insert(options_.end(), {name, value});
+}
+
+void Node::signal(int number) const
+{
+    kill(pid_, number);
+}
+
 std::string Node::configFile(const std::string &name) const
 {
     return root() + (name == "dpc.conf" ? "/opt/marovesta/brisqueta/conf/" : "/opt/ostrak/eds/eds-f/conf/") + name;
@@ -163,6 +173,7 @@ std::vector<std::string> Node::command() const
         command.push_back(std::to_string(module.slot) + ":" + module.name + ":" + module.types + ":" +
                           std::to_string(module.port));
     }
+    command.insert(command.end(), options_.begin(), options_.end());
     return command;
 }
 

@@ -51,6 +51,10 @@ public:
     Node(const Node &) = delete;
     Node &operator=(const Node &) = delete;
 
+    // Another option of its command line, for the starts that follow.
+    void option(const std::string &name, const std::string &value);
+    void signal(int number) const;
+
     const std::string &root() const { return directory_.path(); }
     std::string configFile(const std::string &name) const; // dpc.conf or EBSServer.cfg
     std::string messageSocket() const { return root() + "/run/message.sock"; }
@@ -81,6 +85,7 @@ private:
 
     TemporaryDirectory directory_;
     std::vector<Module> modules_;
+    std::vector<std::string> options_;
     pid_t pid_ = -1;
     std::string startOutput_;
 };
