@@ -27,7 +27,7 @@ void beginMonitorPass()
     const bool afterFailure = std::atomic_ref(g_needRetry).load() != 0;
     const uint32_t period = std::atomic_ref(g_periodLength).load();
     const std::lock_guard hold(s_lock);
-    s_last = {afterFailure, afterFailure ? kShortSleepSeconds : period, std::nullopt};
+    s_last = {!s_last, afterFailure, afterFailure ? kShortSleepSeconds : period, std::nullopt};
 }
 
 void noteMonitorQuery(int32_t result)

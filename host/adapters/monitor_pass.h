@@ -9,6 +9,7 @@
 namespace host {
 
 struct MonitorPass {
+    bool first; // since the node started: it begins as if something had failed
     // The monitor chooses its sleep by the flag as it stands when a pass begins, and sleeps after the pass.
     bool afterFailure;
     uint32_t sleepSeconds;

@@ -65,6 +65,9 @@ Json whyEarly(const std::optional<MonitorView> &view, bool retry, size_t failure
     if (failures != 0) {
         return "modules refuse addresses (" + std::to_string(failures) + ")";
     }
+    if (view->pass.first && !retry) {
+        return "the node has just started";
+    }
     return retry ? "something failed since the last pass began" : "something had failed before the last pass";
 }
 
