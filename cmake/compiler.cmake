@@ -5,6 +5,11 @@ if(NASCTRL_WERROR)
     add_compile_options(-Werror)
 endif()
 
+# GCC 12 sees overlapping copies in its own std::string concatenation.
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    add_compile_options(-Wno-restrict)
+endif()
+
 # Calls of the library's own exported functions go through the dynamic linker, so that a host may put its own in their
 # place. GCC keeps this by default, clang only on request.
 if(CMAKE_CXX_COMPILER_ID MATCHES Clang)

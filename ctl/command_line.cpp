@@ -44,7 +44,7 @@ private:
     void defineCommands();
     void defineLog();
     void defineLifPorts();
-    void defineStorage();
+    void defineQuestions();
     void defineZone(CLI::App *hdfs, const std::string &name, const std::string &text);
 
     CLI::App *recognised() const;
@@ -93,7 +93,7 @@ Grammar::Grammar()
     defineCommands();
     defineLog();
     defineLifPorts();
-    defineStorage();
+    defineQuestions();
     app_.footer("Global options may also follow the command; nasctl COMMAND --help tells more of each.\n"
                 "Exit codes: 0 done, 1 failed, 2 the command line is wrong.");
 }
@@ -204,7 +204,7 @@ constexpr PlainQuestion kAddressQuestions[] = {
     {"tenant", "The tenant that owns an address"},
 };
 
-void Grammar::defineStorage()
+void Grammar::defineQuestions()
 {
     CLI::App *hdfs = family("hdfs", "Questions to the storage-side service: conf, tenant, zone, node-ids, domain, "
                                     "contacted, neighbors, global-zone, subnet");

@@ -24,7 +24,7 @@ struct NodeOptions {
     MessageSettings messages;
     std::string adminSocket;
     LogSettings log;
-    LwtBackend lwtBackend = LwtBackend::fibers;
+    LwtBackend lwtBackend = kDefaultLwtBackend;
     unsigned lwtWorkers = 2;
     AdapterSettings adapters;
     std::optional<unsigned> period; // seconds between address queries; nothing = the library's own

@@ -14,13 +14,13 @@ namespace {
 
 class MutexHold {
 public:
-    explicit MutexHold(pthread_mutex_t &mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
-    ~MutexHold() { pthread_mutex_unlock(&m_mutex); }
+    explicit MutexHold(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
+    ~MutexHold() { pthread_mutex_unlock(&mutex_); }
     MutexHold(const MutexHold &) = delete;
     MutexHold &operator=(const MutexHold &) = delete;
 
 private:
-    pthread_mutex_t &m_mutex;
+    pthread_mutex_t &mutex_;
 };
 
 void setDoor(uint32_t open)
@@ -60,9 +60,13 @@ int32_t shutDoor(void *, void *)
 
 } // namespace
 
-int32_t registerPower()
+void shutServiceDoor()
 {
     setDoor(0);
+}
+
+int32_t registerPower()
+{
     return nas_ctrl_power_reg(openDoor, shutDoor);
 }
 

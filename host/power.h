@@ -10,7 +10,10 @@
 
 namespace host {
 
-// Shuts the door and hands the two routines to the library's power state. Before addresses flow. 0, or an error code.
+// As it has to be before addresses flow, until the service is powered on.
+void shutServiceDoor();
+
+// Hands the two routines to the library's power state. 0, or an error code.
 int32_t registerPower();
 
 } // namespace host

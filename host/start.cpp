@@ -5,13 +5,11 @@
 
 #include "admin/admin_server.h"
 #include "cluster/cm_client.h"
+#include "config/ini_file.h"
 #include "node.h"
 #include "power.h"
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <nasctrl/nasctrl.h>
 #include <system_error>
 
@@ -47,14 +45,14 @@ int32_t makeSocketDirectories(const NodeOptions &options)
     return 0;
 }
 
-// The library's loaders try a missing file three times, 5 seconds apart; an operator is better served at once.
+// The library's loaders try a bad file three times, 5 seconds apart; an operator is better served at once.
 int32_t checkConfigurationFiles(const NodeOptions &options)
 {
     for (const char *path : kConfigurationFiles) {
-        std::ifstream file(path);
-        if (!file.is_open() || file.peek() == std::ifstream::traits_type::eof()) {
-            const std::string why = file.is_open() ? "it is empty or no file" : std::generic_category().message(errno);
-            throw std::runtime_error("configuration file " + options.root + path + " cannot be read: " + why);
+        try {
+            const IniFile file(path);
+        } catch (const std::runtime_error &error) {
+            throw std::runtime_error(options.root + error.what());
         }
     }
     return 0;
@@ -103,12 +101,13 @@ constexpr Step kSteps[] = {
     {"nas_ctrl_handler_reg", [](const NodeOptions &) { return nas_ctrl_handler_reg(); }},
     {"NasCtrlClusterInit", [](const NodeOptions &) { return static_cast<int32_t>(NasCtrlClusterInit()); }},
     {"CM connect event", [](const NodeOptions &) { return connectCmClient(); }},
-    {"nas_ctrl_power_reg", [](const NodeOptions &) { return registerPower(); }},
+    {"service door", [](const NodeOptions &) { return done(shutServiceDoor); }},
     {"module hooks", [](const NodeOptions &) { return done(registerModuleHooks); }},
     {"address query period", setPeriod},
     {"NasIpMgrInitModule", [](const NodeOptions &) { return NasIpMgrInitModule(nullptr); }},
     {"NasLifMgrModuleStart", [](const NodeOptions &) { return static_cast<int32_t>(NasLifMgrModuleStart()); }},
     {"HdfsGetIpRegister", [](const NodeOptions &) { return HdfsGetIpRegister(); }},
+    {"nas_ctrl_power_reg", [](const NodeOptions &) { return registerPower(); }},
     {"nas_ctrl_power_on", [](const NodeOptions &) { return nas_ctrl_power_on(nullptr, nullptr); },
      [] { nas_ctrl_power_off(nullptr, nullptr); }},
     {"admin server",

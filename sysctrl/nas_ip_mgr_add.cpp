@@ -22,7 +22,7 @@ static_assert(sizeof(ip_add_work) == 24);
 
 namespace {
 
-constexpr uint32_t ADDITION_THREADS_MAX = 25;
+constexpr uint32_t kAdditionThreadsMax = 25;
 
 /* An entry's address with its NUL. */
 using EntryText = char[sizeof(node_ip_entry::addr) + 1];
@@ -157,7 +157,7 @@ void NasIpMgrAddNewIpInParallel(const node_ip_list *list)
         LOG_NULL_VOID("list");
         return;
     }
-    EntryText copies[ADDITION_THREADS_MAX]; /* one for each thread in flight */
+    EntryText copies[kAdditionThreadsMax]; /* one for each thread in flight */
     uint32_t started = 0;
     for (uint32_t i = 0; i < list->count; ++i) {
         const node_ip_entry *entry = &list->entries[i];
@@ -177,7 +177,7 @@ void NasIpMgrAddNewIpInParallel(const node_ip_list *list)
             nas::requestRetry();
             continue;
         }
-        if (++started == ADDITION_THREADS_MAX) {
+        if (++started == kAdditionThreadsMax) {
             LOG_PROGRESS("CurIndex(%u), totalNum(%u)", i, list->count);
             waitForAdditions(started);
             started = 0;
@@ -193,7 +193,7 @@ int32_t CreateThreadForIpAdd(const char *addr, uint32_t protoType)
         LOG_NULL("addr", "NAS_ERROR", NAS_ERROR);
         return static_cast<int32_t>(NAS_ERROR);
     }
-    auto *work = POOL_NEW(ip_add_work);
+    auto *work = static_cast<ip_add_work *>(POOL_ALLOC(sizeof(ip_add_work)));
     if (work == nullptr) {
         LOG_ERROR("malloc ipInfo failed, ip(%s, %u)", addr, protoType);
         NasIpMgrAddToList(addr, protoType, 0);

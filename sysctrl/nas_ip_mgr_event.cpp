@@ -29,10 +29,10 @@ sem_t g_sema;
 
 namespace {
 
-constexpr uint32_t TENANT_ID_MAX = 1024;
-constexpr uint32_t ONE_BY_ONE_MAX = 6; /* more additions than these are worth addition threads */
-constexpr uint32_t IDLE_SLEEP_MS = 50;
-constexpr uint32_t SERVICE_RUNNING = 1;
+constexpr uint32_t kTenantIdMax = 1024;
+constexpr uint32_t kOneByOneMax = 6; /* more additions than these are worth addition threads */
+constexpr uint32_t kIdleSleepMs = 50;
+constexpr uint32_t kServiceRunning = 1;
 
 struct Queue {
     list_link head;
@@ -71,7 +71,7 @@ list_link *queueTake(Queue *queue)
 NasIpEvent *acceptEvent(const char *func, const char *addr, uint32_t type, uint32_t protoType)
 {
     LOG_LINE_AS(func, NASCTRL_LOG_INFO, "IpEvent :%s.", nas::orNull(addr));
-    if (serviceStatus() != SERVICE_RUNNING) {
+    if (serviceStatus() != kServiceRunning) {
         LOG_LINE_AS(func, NASCTRL_LOG_ERROR, "Ip Event Service is not running");
         return nullptr;
     }
@@ -82,7 +82,7 @@ NasIpEvent *acceptEvent(const char *func, const char *addr, uint32_t type, uint3
 void mergeNotices(const char *func, tenant_change *table)
 {
     while (NasIpNotifyEvent *notice = NasIpMgr_GetNotifyEventEntry()) {
-        if (notice->tenantId > TENANT_ID_MAX) {
+        if (notice->tenantId > kTenantIdMax) {
             LOG_LINE_AS(func, NASCTRL_LOG_ERROR, "invalid tenantid(%u)", notice->tenantId);
         } else {
             tenant_change &tenant = table[notice->tenantId];
@@ -108,7 +108,7 @@ void pendingClear(PendingAdditions *pending)
 /* A batch that gets no memory leaves its events on the list; they are dropped with it, and the monitor makes up. */
 void applyPending(PendingAdditions *pending)
 {
-    if (pending->count > ONE_BY_ONE_MAX) {
+    if (pending->count > kOneByOneMax) {
         NasIpMgrAddNewIpBatchInner(&pending->head, pending->count);
     } else if (pending->count > 0) {
         NasIpMgrAddNewIpOneByOne(&pending->head);
@@ -134,7 +134,7 @@ void nas::openIpEventQueues()
 {
     queueInit(&s_events);
     queueInit(&s_notices);
-    s_serviceStatus.store(SERVICE_RUNNING, std::memory_order_release);
+    s_serviceStatus.store(kServiceRunning, std::memory_order_release);
 }
 
 NasIpEvent *NasIpMgr_CreateEvent(const char *addr, uint32_t type, uint32_t protoType)
@@ -235,7 +235,7 @@ uint32_t NasIpMgrDeleteOldIP(const char *addr, uint32_t protoType)
 
 uint32_t NasIpMgrAddNewNotifyEvent(uint32_t tenantId, uint32_t eventType)
 {
-    if (serviceStatus() != SERVICE_RUNNING) {
+    if (serviceStatus() != kServiceRunning) {
         LOG_ERROR("Ip Event Service is not running");
         return NAS_ERROR;
     }
@@ -250,7 +250,7 @@ uint32_t NasIpMgrAddNewNotifyEvent(uint32_t tenantId, uint32_t eventType)
 
 void NasIpMgrNotifyEventHandle()
 {
-    tenant_change table[TENANT_ID_MAX + 1];
+    tenant_change table[kTenantIdMax + 1];
     const int error = nas::memset_s(table, sizeof(table), 0, sizeof(table));
     if (error != 0) {
         LOG_ERROR("handle notify event, memset error(%d)", error);
@@ -275,12 +275,12 @@ void *NasIpMgrIpEventHandle(void * /*arg*/)
     LOG_CLASS(1, "Nas ip mgr events handle start, with service status(%d).", static_cast<int>(serviceStatus()));
     PendingAdditions pending;
     pendingClear(&pending);
-    while (serviceStatus() == SERVICE_RUNNING) {
+    while (serviceStatus() == kServiceRunning) {
         NasIpMgrNotifyEventHandle();
         NasIpEvent *ev = NasIpMgr_GetEventEntry();
         if (ev == nullptr) {
             applyPending(&pending);
-            kvos_msleep(IDLE_SLEEP_MS);
+            kvos_msleep(kIdleSleepMs);
             continue;
         }
         LOG_INFO("Handle event ip:%s, type:%d, protocol_type:%d.", nas::IpText(ev->addr).c_str(),

@@ -38,14 +38,14 @@ unsigned long g_ip_event_thread_id;
 
 namespace {
 
-constexpr long PERIOD_MIN_SECONDS = 1;
-constexpr long PERIOD_MAX_SECONDS = 600;
-constexpr uint32_t SLEEP_UNITS_PER_SECOND = 100;
-constexpr uint32_t RETRY_SLEEP_UNITS = 5 * SLEEP_UNITS_PER_SECOND;
+constexpr long kPeriodMinSeconds = 1;
+constexpr long kPeriodMaxSeconds = 600;
+constexpr uint32_t kSleepUnitsPerSecond = 100;
+constexpr uint32_t kRetrySleepUnits = 5 * kSleepUnitsPerSecond;
 
 uint32_t nextSleepUnits()
 {
-    return nas::readWord(g_needRetry) != 0 ? RETRY_SLEEP_UNITS : nas::readWord(g_periodLength) * SLEEP_UNITS_PER_SECOND;
+    return nas::readWord(g_needRetry) != 0 ? kRetrySleepUnits : nas::readWord(g_periodLength) * kSleepUnitsPerSecond;
 }
 
 /* A list is void when the event handler has changed something since it was asked for. */
@@ -125,7 +125,7 @@ int32_t NasIpMgrSetIpQueryPeriod(const char *text)
         return -EINVAL;
     }
     const long seconds = strtol(text, nullptr, 10);
-    if (seconds < PERIOD_MIN_SECONDS || seconds > PERIOD_MAX_SECONDS) {
+    if (seconds < kPeriodMinSeconds || seconds > kPeriodMaxSeconds) {
         LOG_ERROR("Period Length Error %s.", text);
         return static_cast<int32_t>(NAS_ERROR);
     }

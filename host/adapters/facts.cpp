@@ -71,18 +71,18 @@ uint32_t NasCtrlInitAdpater(void)
     return NAS_OK;
 }
 
-// The application-data cluster is the one that the configuration names: both its type and its id must be there.
+// The application-data cluster is the one that the configuration names by its id; its type is only for people.
 uint32_t NasCtrlAppdataClusterInitAdapter(void)
 {
     std::array<char, 128> type{};
     uint32_t clusterId = 0;
-    const uint32_t typeResult = DpcGetClusterType(type.data(), static_cast<int>(type.size()));
-    const uint32_t idResult = DpcGetClusterId(&clusterId, static_cast<int>(type.size()));
-    if (typeResult != NAS_OK || idResult != NAS_OK) {
-        HOST_LOG(NASCTRL_LOG_ERROR, "adapters: dpc.conf lacks cluster_type or cm_cluster_id in section GLOBAL");
+    if (DpcGetClusterId(&clusterId, static_cast<int>(type.size())) != NAS_OK) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "adapters: dpc.conf lacks cm_cluster_id in section GLOBAL");
         return NAS_ERROR;
     }
-    HOST_LOG(NASCTRL_LOG_INFO, "adapters: application-data cluster %u of type %s", clusterId, type.data());
+    const bool typed = DpcGetClusterType(type.data(), static_cast<int>(type.size())) == NAS_OK;
+    HOST_LOG(NASCTRL_LOG_INFO, "adapters: application-data cluster %u of type %s", clusterId,
+             typed ? type.data() : "unknown");
     return NAS_OK;
 }
 

@@ -4,10 +4,10 @@
 
 #include "adapters/monitor_pass.h"
 #include "platform/log.h"
+#include "platform/timed_hold.h"
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <nasctrl/host/adapters.h>
 #include <nasctrl/host/memory.h>
 #include <nasctrl/ip_manager.h>
@@ -15,36 +15,9 @@
 
 namespace {
 
-constexpr long kListWaitMs = 100;
-constexpr long kNsPerMs = 1000000;
-constexpr long kNsPerSecond = 1000000000;
+// The monitor can do without one answer, but must not stop.
+constexpr std::chrono::milliseconds kListPatience{100};
 constexpr uint32_t kWorking = 1;
-
-// The list's lock, waited for a bounded time: the monitor can do without one answer, but must not stop.
-class ListHold {
-public:
-    ListHold()
-    {
-        timespec until{};
-        clock_gettime(CLOCK_MONOTONIC, &until);
-        until.tv_nsec += kListWaitMs * kNsPerMs;
-        until.tv_sec += until.tv_nsec / kNsPerSecond;
-        until.tv_nsec %= kNsPerSecond;
-        m_held = pthread_mutex_clocklock(&g_ipListMutex, CLOCK_MONOTONIC, &until) == 0;
-    }
-    ~ListHold()
-    {
-        if (m_held) {
-            pthread_mutex_unlock(&g_ipListMutex);
-        }
-    }
-    ListHold(const ListHold &) = delete;
-    ListHold &operator=(const ListHold &) = delete;
-    [[nodiscard]] bool held() const { return m_held; }
-
-private:
-    bool m_held = false;
-};
 
 // NasIpListNode begins with its link.
 const NasIpListNode *nextNode(const void *link)
@@ -76,9 +49,10 @@ void fill(node_ip_list &list)
 // that a pass keeps them and tries the modules again that refused one.
 int32_t listOwnAddresses(node_ip_list **list)
 {
-    const ListHold hold;
+    const host::TimedHold hold(g_ipListMutex, kListPatience);
     if (!hold.held()) {
-        HOST_LOG(NASCTRL_LOG_ERROR, "adapters: the address list stayed locked for %ld ms", kListWaitMs);
+        HOST_LOG(NASCTRL_LOG_ERROR, "adapters: the address list stayed locked for %lld ms",
+                 static_cast<long long>(kListPatience.count()));
         return -EBUSY;
     }
     const uint32_t count = countNodes();

@@ -7,19 +7,6 @@
 #include <nasctrl/host/platform.h>
 #include <system_error>
 
-namespace {
-
-// The finaliser of splitmix64: every bit of the result depends on every bit of value.
-uint64_t mix(uint64_t value)
-{
-    value += 0x9E3779B97F4A7C15U;
-    value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9U;
-    value = (value ^ (value >> 27)) * 0x94D049BB133111EBU;
-    return value ^ (value >> 31);
-}
-
-} // namespace
-
 // A number beyond 64 bits counts as the largest one.
 uint64_t kvos_str_tou64(const char *text)
 {
@@ -29,10 +16,4 @@ uint64_t kvos_str_tou64(const char *text)
     uint64_t number = 0;
     const auto parsed = std::from_chars(text, text + std::strlen(text), number);
     return parsed.ec == std::errc::result_out_of_range ? std::numeric_limits<uint64_t>::max() : number;
-}
-
-// 64 bits reduced to at most 32: the remainder's bias stays below one in four thousand millions.
-uint32_t hash_u64_id(uint64_t value, uint32_t modulus)
-{
-    return modulus == 0 ? 0 : static_cast<uint32_t>(mix(value) % modulus);
 }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <nasctrl/host/memory.h>
 
+#define POOL_ALLOC(size) nas_mem_comm_alloc((size), __func__, __LINE__)
 #define POOL_ZALLOC(size) nas_mem_comm_zalloc((size), __func__, __LINE__)
 #define POOL_NEW(type) nas::poolNew<type>(__func__, __LINE__)
 #define POOL_FREE(pointer) nas_mem_comm_free((pointer), __func__, __LINE__)

@@ -15,7 +15,7 @@ def declared(headers):
     for header in headers:
         text = re.sub(r"/\*.*?\*/", "", header.read_text(), flags=re.S)
         text = re.sub(r"\{[^{}]*\}", "", text)  # the fields of records
-        for declaration in re.findall(r"NASCTRL_API\s+([^;]*);", text):
+        for declaration in re.findall(r"NASCTRL_API\s+(\w[^;#]*);", text):
             before_arguments = re.split(r"\(", declaration, maxsplit=1)[0]
             names.add(re.search(r"(\w+)\s*(\[.*\])?\s*$", before_arguments, flags=re.S).group(1))
     return names

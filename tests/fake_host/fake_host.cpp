@@ -617,11 +617,6 @@ uint64_t kvos_str_tou64(const char *text)
     return std::strtoull(text, nullptr, 10);
 }
 
-uint32_t hash_u64_id(uint64_t value, uint32_t modulus)
-{
-    return modulus == 0 ? 0 : static_cast<uint32_t>((value * 0x9E3779B97F4A7C15ULL >> 32) % modulus);
-}
-
 void *nas_mem_comm_alloc(size_t size, const char *func, uint32_t)
 {
     return allocate(size, func);

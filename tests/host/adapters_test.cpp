@@ -65,12 +65,13 @@ TEST_F(Adapters, BringUpTheApplicationDataClusterThatTheConfigurationNames)
     EXPECT_THAT(fake::library().lines, ElementsAre("6 adapters: application-data cluster 42 of type nas"));
 }
 
-TEST_F(Adapters, RefuseAnApplicationDataClusterWithoutTypeOrId)
+TEST_F(Adapters, RefuseAnApplicationDataClusterWithoutIdButNotOneWithoutType)
 {
     fake::library().configuration = {{"cluster_type", "nas"}};
     EXPECT_EQ(NasCtrlAppdataClusterInitAdapter(), NAS_ERROR);
     fake::library().configuration = {{"cm_cluster_id", "42"}};
-    EXPECT_EQ(NasCtrlAppdataClusterInitAdapter(), NAS_ERROR);
+    EXPECT_EQ(NasCtrlAppdataClusterInitAdapter(), NAS_OK);
+    EXPECT_EQ(fake::library().lines.back(), "6 adapters: application-data cluster 42 of type unknown");
 }
 
 TEST_F(Adapters, FillTheEdsNameFromTheConfiguration)

@@ -55,8 +55,9 @@ protected:
     }
 };
 
-TEST_F(Power, ShutsTheDoorUntilTheServiceIsSwitchedOn)
+TEST_F(Power, OpensTheDoorWhenTheServiceIsSwitchedOn)
 {
+    host::shutServiceDoor();
     EXPECT_EQ(host::registerPower(), 0);
     EXPECT_EQ(g_floatIpSupport, 0U);
     EXPECT_EQ(g_nas_power_mgr.start(nullptr, nullptr), 0);
@@ -103,9 +104,9 @@ protected:
     void SetUp() override
     {
         char pattern[] = "/tmp/nasctrl-root-XXXXXX";
-        m_root = mkdtemp(pattern);
+        root_ = mkdtemp(pattern);
     }
-    void TearDown() override { std::filesystem::remove_all(m_root); }
+    void TearDown() override { std::filesystem::remove_all(root_); }
     // The line with which the root is refused.
     static std::string refusal(const std::string &root)
     {
@@ -116,30 +117,30 @@ protected:
         }
         return "(entered)";
     }
-    std::string m_root;
+    std::string root_;
 };
 
 TEST_F(Root, WithoutItsOptIsRefused)
 {
-    EXPECT_EQ(refusal(m_root), "--root: " + m_root + "/opt cannot be used: No such file or directory");
+    EXPECT_EQ(refusal(root_), "--root: " + root_ + "/opt cannot be used: No such file or directory");
 }
 
 TEST_F(Root, WhoseOptIsAFileIsRefused)
 {
-    std::ofstream(m_root + "/opt") << "text";
-    EXPECT_EQ(refusal(m_root), "--root: " + m_root + "/opt is not a directory");
+    std::ofstream(root_ + "/opt") << "text";
+    EXPECT_EQ(refusal(root_), "--root: " + root_ + "/opt is not a directory");
 }
 
 TEST_F(Root, ShowsItsOptToTheProcessThatEnteredItAndToNoOther)
 {
-    std::filesystem::create_directory(m_root + "/opt");
-    std::ofstream(m_root + "/opt/nasctrl-probe") << "seen";
+    std::filesystem::create_directory(root_ + "/opt");
+    std::ofstream(root_ + "/opt/nasctrl-probe") << "seen";
     constexpr int kSeen = 0;
     constexpr int kHidden = 1;
     constexpr int kRefused = 2;
     const pid_t child = fork();
     if (child == 0) {
-        const std::string line = refusal(m_root);
+        const std::string line = refusal(root_);
         if (line != "(entered)") {
             _exit(line.find("or install the files under /opt") != std::string::npos ? kRefused : kHidden);
         }
@@ -154,7 +155,7 @@ TEST_F(Root, ShowsItsOptToTheProcessThatEnteredItAndToNoOther)
         GTEST_SKIP() << "this machine refuses namespaces";
     }
     EXPECT_EQ(WEXITSTATUS(status), kSeen);
-    EXPECT_TRUE(std::filesystem::exists(m_root + "/opt/nasctrl-written"));
+    EXPECT_TRUE(std::filesystem::exists(root_ + "/opt/nasctrl-written"));
     EXPECT_FALSE(std::filesystem::exists("/opt/nasctrl-probe"));
 }
 

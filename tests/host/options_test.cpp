@@ -37,17 +37,17 @@ protected:
     void SetUp() override
     {
         char pattern[] = "/tmp/nasctrl-options-XXXXXX";
-        m_directory = mkdtemp(pattern);
+        directory_ = mkdtemp(pattern);
     }
-    void TearDown() override { std::filesystem::remove_all(m_directory); }
+    void TearDown() override { std::filesystem::remove_all(directory_); }
     std::string write(const std::string &text)
     {
-        std::ofstream(m_directory + "/node.conf") << text;
-        return m_directory + "/node.conf";
+        std::ofstream(directory_ + "/node.conf") << text;
+        return directory_ + "/node.conf";
     }
 
 private:
-    std::string m_directory;
+    std::string directory_;
 };
 
 TEST(Options, HaveDefaultsForANodeOfItsOwn)
@@ -62,7 +62,7 @@ TEST(Options, HaveDefaultsForANodeOfItsOwn)
     EXPECT_EQ(options.messages.storageTimeout, std::chrono::milliseconds(3000));
     EXPECT_FALSE(options.adapters.hasStorage);
     EXPECT_THAT(options.adapters.lsIds, ElementsAre(1));
-    EXPECT_EQ(options.lwtBackend, host::LwtBackend::fibers);
+    EXPECT_EQ(options.lwtBackend, host::kDefaultLwtBackend);
     EXPECT_TRUE(options.log.console);
     EXPECT_THAT(options.log.classLevels, ElementsAre(6, 4, 4, 3));
     EXPECT_EQ(options.period, std::nullopt);

@@ -755,25 +755,4 @@ TEST(Numbers, AreReadFromTheBeginningOfAText)
     }
 }
 
-TEST(Hash, StaysBelowTheModulus)
-{
-    for (uint64_t value = 0; value < 1000; value++) {
-        EXPECT_EQ(hash_u64_id(value, 0), 0U);
-        EXPECT_EQ(hash_u64_id(value, 1), 0U);
-        EXPECT_LT(hash_u64_id(value, 3), 3U);
-        EXPECT_EQ(hash_u64_id(value, 97), hash_u64_id(value, 97));
-    }
-}
-
-TEST(Hash, SpreadsNeighboursEvenly)
-{
-    for (const uint64_t stride : {uint64_t{1}, uint64_t{8}, uint64_t{4096}, uint64_t{1} << 32}) {
-        std::vector<int> buckets(8);
-        for (uint64_t value = 0; value < 8000; value++) {
-            buckets[hash_u64_id(value * stride, 8)]++;
-        }
-        EXPECT_THAT(buckets, testing::Each(testing::AllOf(testing::Gt(850), testing::Lt(1150)))) << stride;
-    }
-}
-
 } // namespace

@@ -94,7 +94,8 @@ TEST_F(BadMessages, AddressesThatAreNoneAreListedPendingOrLeftOutAsTheirLengthAl
     }
     std::vector<std::string> listed;
     EXPECT_TRUE(Node::eventually([&] { return node_.json({"ip", "ls"})["addresses"].size() == 3; }));
-    for (const auto &row : node_.json({"ip", "ls"})["addresses"]) {
+    const nlohmann::json shown = node_.json({"ip", "ls"});
+    for (const auto &row : shown["addresses"]) {
         listed.push_back(row["address"]);
     }
     EXPECT_THAT(listed, testing::UnorderedElementsAre(longest, "node.example", "::ffff:127.0.0.1"));
@@ -149,7 +150,8 @@ TEST(BadConfiguration, ADirectoryInPlaceOfAFileIsNamed)
 // The value and result of one getter.
 nlohmann::json getter(const Node &node, const std::string &name)
 {
-    for (const auto &row : node.json({"config", name})["getters"]) {
+    const nlohmann::json shown = node.json({"config", name});
+    for (const auto &row : shown["getters"]) {
         if (row["name"] == name) {
             return row;
         }

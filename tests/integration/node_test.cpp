@@ -28,7 +28,8 @@ TEST(Node, RunsTheStartStepsInOrderAndRecordsThem)
     Node node;
     ASSERT_TRUE(node.start()) << node.startOutput();
     std::vector<std::string> library;
-    for (const auto &step : node.json({"status"})["start"]) {
+    const nlohmann::json status = node.json({"status"});
+    for (const auto &step : status["start"]) {
         EXPECT_EQ(step["result"], 0) << step;
         library.push_back(step["step"]);
     }
