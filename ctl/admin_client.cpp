@@ -28,6 +28,7 @@ constexpr Refusal kRefusals[] = {
     {404, "not known to the node", "; if the name is right, node and nasctl are of different versions"},
     {405, "not offered by the node", "; node and nasctl are of different versions"},
     {500, "the node failed", "; its log tells more"},
+    {503, "the node is busy", "; ask again"},
 };
 
 std::string encode(const nlohmann::json &body)
@@ -165,7 +166,7 @@ std::string AdminClient::get(const std::string &path) const
 
 std::string AdminClient::post(const std::string &path, const nlohmann::json &body) const
 {
-    return call("POST", path, encode(body));
+    return call("POST", path, body.is_null() ? "" : encode(body));
 }
 
 std::string AdminClient::put(const std::string &path, const nlohmann::json &body) const
@@ -176,6 +177,11 @@ std::string AdminClient::put(const std::string &path, const nlohmann::json &body
 std::string AdminClient::remove(const std::string &path) const
 {
     return call("DELETE", path, "");
+}
+
+std::string AdminClient::remove(const std::string &path, const nlohmann::json &body) const
+{
+    return call("DELETE", path, body.is_null() ? "" : encode(body));
 }
 
 } // namespace ctl

@@ -16,9 +16,11 @@ public:
     explicit AdminClient(const Session &session);
 
     std::string get(const std::string &path) const;
+    // Without a body when it is null.
     std::string post(const std::string &path, const nlohmann::json &body) const;
     std::string put(const std::string &path, const nlohmann::json &body) const;
     std::string remove(const std::string &path) const;
+    std::string remove(const std::string &path, const nlohmann::json &body) const;
 
 private:
     std::string call(const char *method, const std::string &path, const std::string &body) const;

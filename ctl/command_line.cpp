@@ -23,6 +23,7 @@ struct Arguments {
     // Absent and empty differ: an empty directory is an error of a script, not a wish for the default.
     std::optional<std::string> root, adminSocket, messageSocket, timeout;
     std::optional<std::string> module, opcode, hex, command, value, level, logClass;
+    std::optional<std::string> period, time, address, id, fsId, tenantId, subnet;
     Words words;
     bool json = false;
     bool all = false;
@@ -43,6 +44,9 @@ private:
     void defineCommands();
     void defineLog();
     void defineStorage();
+    void defineLifPorts();
+    void defineQuestions();
+    void defineZone(CLI::App *hdfs, const std::string &name, const std::string &text);
 
     CLI::App *recognised() const;
     std::string commandName() const;
@@ -90,6 +94,8 @@ Grammar::Grammar()
     defineCommands();
     defineLog();
     defineStorage();
+    defineLifPorts();
+    defineQuestions();
     app_.footer("Global options may also follow the command; nasctl COMMAND --help tells more of each.\n"
                 "Exit codes: 0 done, 1 failed, 2 the command line is wrong.");
 }
@@ -134,7 +140,7 @@ void Grammar::defineNode()
 
 void Grammar::defineAddresses()
 {
-    CLI::App *ip = family("ip", "The service addresses of the node: ls, add, del");
+    CLI::App *ip = family("ip", "The service addresses of the node: ls, add, del, monitor, explain, node");
     leaf(ip, "ls", "List the addresses and what became of them", listAddresses);
     CLI::App *add = leaf(ip, "add", "Announce addresses to the node",
                          [this](const Session &session) { return addAddresses(session, args_.words); });
@@ -142,6 +148,87 @@ void Grammar::defineAddresses()
                          [this](const Session &session) { return deleteAddresses(session, args_.words); });
     collectWords(add, "ADDR", "IPv4 or IPv6 addresses", args_.words, true);
     collectWords(del, "ADDR", "IPv4 or IPv6 addresses", args_.words, true);
+    CLI::App *monitor = leaf(ip, "monitor", "When the node looks at its addresses, and why early",
+                             [this](const Session &session) { return showMonitor(session, args_.period); });
+    addText(monitor, "--period", args_.period, "Set the time between two looks, 1 to 600 seconds", "N");
+    CLI::App *explain = leaf(ip, "explain", "All that the node knows of an address",
+                             [this](const Session &session) { return explainAddress(session, *args_.address); });
+    addText(explain, "ADDR", args_.address, "IPv4 or IPv6 address", "")->required();
+    leaf(ip, "node", "The node's addresses as the storage-side service tells them",
+         [](const Session &session) { return askStorage(session, "node-ips"); });
+}
+
+void Grammar::defineLifPorts()
+{
+    CLI::App *lif = family("lif", "The LIF ports of the node: ls, add, del, find, name");
+    leaf(lif, "ls", "List the ports", listPorts);
+    CLI::App *add = leaf(lif, "add", "Add a port, or refresh it: ID NAME ADDRESS",
+                         [this](const Session &session) { return addPort(session, args_.words, args_.time); });
+    collectWords(add, "PORT", "Its id, name and address", args_.words, true);
+    addText(add, "--time", args_.time, "Its time [the node's milliseconds]; an older one changes nothing", "T");
+    CLI::App *del = leaf(lif, "del", "Delete the first port with an address",
+                         [this](const Session &session) { return deletePort(session, *args_.address, args_.time); });
+    addText(del, "ADDR", args_.address, "Its address", "")->required();
+    addText(del, "--time", args_.time, "Leave a port that was added later", "T");
+    CLI::App *find = leaf(lif, "find", "The index of a port",
+                          [this](const Session &session) { return findPort(session, *args_.id); });
+    addText(find, "ID", args_.id, "Its id", "")->required();
+    CLI::App *name = leaf(lif, "name", "The name of a port",
+                          [this](const Session &session) { return namePort(session, *args_.id); });
+    addText(name, "ID", args_.id, "Its id", "")->required();
+}
+
+void Grammar::defineZone(CLI::App *hdfs, const std::string &name, const std::string &text)
+{
+    CLI::App *command = leaf(hdfs, name, text, [this, name](const Session &session) {
+        const ZoneWords zone{args_.fsId.value_or("0"), args_.tenantId.value_or("0"), *args_.subnet};
+        return askAboutZone(session, name, zone);
+    });
+    addText(command, "SUBNET", args_.subnet, "The subnet's text", "")->required();
+    addText(command, "--fs-id", args_.fsId, "File system [0]", "N");
+    addText(command, "--tenant-id", args_.tenantId, "Tenant [0]", "N");
+}
+
+struct PlainQuestion {
+    const char *name;
+    const char *text;
+};
+
+constexpr PlainQuestion kPlainQuestions[] = {
+    {"zone", "The addresses of this node's zone"},
+    {"node-ids", "The node ids of the global zone"},
+    {"domain", "The zone's full domain name"},
+    {"contacted", "The contacted zone's configuration"},
+};
+
+constexpr PlainQuestion kAddressQuestions[] = {
+    {"conf", "The HDFS configuration behind an address"},
+    {"tenant", "The tenant that owns an address"},
+};
+
+void Grammar::defineQuestions()
+{
+    CLI::App *hdfs = family("hdfs", "Questions to the storage-side service: conf, tenant, zone, node-ids, domain, "
+                                    "contacted, neighbors, global-zone, subnet");
+    for (const PlainQuestion &row : kAddressQuestions) {
+        CLI::App *command = leaf(hdfs, row.name, row.text, [this, &row](const Session &session) {
+            return askAboutAddress(session, row.name, *args_.address);
+        });
+        addText(command, "ADDR", args_.address, "IPv4 or IPv6 address", "")->required();
+    }
+    for (const PlainQuestion &row : kPlainQuestions) {
+        leaf(hdfs, row.name, row.text, [&row](const Session &session) { return askStorage(session, row.name); });
+    }
+    CLI::App *neighbours = leaf(hdfs, "neighbors", "The addresses of an LS's neighbours",
+                                [this](const Session &session) { return askAboutNeighbours(session, *args_.id); });
+    addText(neighbours, "LS", args_.id, "EDS LS id", "")->required();
+    defineZone(hdfs, "global-zone", "The addresses of the global zone");
+    defineZone(hdfs, "subnet", "All addresses of a subnet");
+    leaf(&app_, "ifaces", "The node's interfaces as the storage-side service tells them",
+         [](const Session &session) { return askStorage(session, "ifaces"); });
+    CLI::App *owners = leaf(&app_, "ctrl-ips", "The LS that owns each control address",
+                            [this](const Session &session) { return showControlIps(session, args_.words); });
+    collectWords(owners, "ADDR", "IPv4 or IPv6 addresses", args_.words, true);
 }
 
 void Grammar::defineClusters()

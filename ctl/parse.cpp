@@ -1,5 +1,6 @@
 #include "parse.h"
 #include "failure.h"
+#include <arpa/inet.h>
 #include <cctype>
 #include <charconv>
 
@@ -17,6 +18,14 @@ uint64_t parseNumber(const std::string &what, const std::string &text, uint64_t 
                            std::to_string(max));
     }
     return value;
+}
+
+void checkAddress(const std::string &text)
+{
+    unsigned char bytes[sizeof(in6_addr)];
+    if (inet_pton(AF_INET, text.c_str(), bytes) != 1 && inet_pton(AF_INET6, text.c_str(), bytes) != 1) {
+        throw UsageFailure(nameable(text) + " is not an IPv4 or IPv6 address");
+    }
 }
 
 static bool isBlank(char c)

@@ -12,6 +12,9 @@ namespace ctl {
 // A decimal number or, after 0x, a hexadecimal one, from min to max. Throws UsageFailure that names `what`.
 uint64_t parseNumber(const std::string &what, const std::string &text, uint64_t min, uint64_t max);
 
+// Throws UsageFailure unless the text is an IPv4 or IPv6 address.
+void checkAddress(const std::string &text);
+
 // Pairs of hex digits, blanks between pairs allowed. Throws UsageFailure.
 std::string parseHex(std::string_view text);
 std::string toHex(std::string_view bytes);

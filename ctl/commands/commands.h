@@ -20,6 +20,29 @@ int listAddresses(const Session &session);
 int addAddresses(const Session &session, const Words &addresses);
 int deleteAddresses(const Session &session, const Words &addresses);
 
+// After setting it, when there is one.
+int showMonitor(const Session &session, const std::optional<std::string> &period);
+int explainAddress(const Session &session, const std::string &address);
+
+int listPorts(const Session &session);
+// port: id, name, address.
+int addPort(const Session &session, const Words &port, const std::optional<std::string> &time);
+// The first port with that address, unless it was added after time.
+int deletePort(const Session &session, const std::string &address, const std::optional<std::string> &time);
+int findPort(const Session &session, const std::string &id);
+int namePort(const Session &session, const std::string &id);
+
+struct ZoneWords {
+    std::string fsId, tenantId, subnet;
+};
+
+// Questions that the node passes on to the storage-side service, by the names that docs/admin-api.md gives them.
+int askStorage(const Session &session, const std::string &question);
+int askAboutAddress(const Session &session, const std::string &question, const std::string &address);
+int askAboutZone(const Session &session, const std::string &question, const ZoneWords &zone);
+int askAboutNeighbours(const Session &session, const std::string &lsId);
+int showControlIps(const Session &session, const Words &addresses);
+
 int showPower(const Session &session);
 int switchPower(const Session &session, const std::string &action);
 

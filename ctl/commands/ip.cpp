@@ -4,10 +4,11 @@
  */
 #include "admin_client.h"
 #include "commands/commands.h"
+#include "commands/module_cells.h"
 #include "failure.h"
 #include "message_client.h"
+#include "parse.h"
 #include "view.h"
-#include <arpa/inet.h>
 #include <nlohmann/json.hpp>
 
 namespace ctl {
@@ -34,11 +35,8 @@ static std::string noticeOf(const std::string &key, const std::string &value)
 
 static void checkAddresses(const Words &addresses)
 {
-    unsigned char bytes[sizeof(in6_addr)];
     for (const std::string &address : addresses) {
-        if (inet_pton(AF_INET, address.c_str(), bytes) != 1 && inet_pton(AF_INET6, address.c_str(), bytes) != 1) {
-            throw UsageFailure(nameable(address) + " is not an IPv4 or IPv6 address");
-        }
+        checkAddress(address);
     }
 }
 
@@ -122,6 +120,17 @@ static std::string modulesIn(const json &modules, const char *state)
     return text.empty() ? "-" : text;
 }
 
+std::vector<Cell> moduleCells(const json &modules)
+{
+    std::vector<Cell> cells;
+    for (const char *state : {"listening", "pending", "failing"}) {
+        cells.push_back(modules.is_null() ? shown(modules) : Cell{modulesIn(modules, state)});
+    }
+    Cell &failing = cells.back();
+    failing.tone = failing.text == "-" || modules.is_null() ? failing.tone : Tone::bad;
+    return cells;
+}
+
 static std::string addressTable(const json &answer, bool colour)
 {
     const json &addresses = answer.at("addresses");
@@ -136,11 +145,9 @@ static std::string addressTable(const json &answer, bool colour)
     for (const json &address : addresses) {
         std::vector<Cell> row = {shown(address.at("address")), shown(address.at("protocol_type")),
                                  shown(address.at("status"))};
-        const json &modules = address.at("modules");
-        for (const char *state : {"listening", "pending", "failing"}) {
-            row.push_back(modules.is_null() ? shown(modules) : Cell{modulesIn(modules, state)});
+        for (const Cell &cell : moduleCells(address.at("modules"))) {
+            row.push_back(cell);
         }
-        row.back().tone = row.back().text == "-" || modules.is_null() ? row.back().tone : Tone::bad;
         table.add(row);
     }
     return table.render(colour);

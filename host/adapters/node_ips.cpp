@@ -2,6 +2,7 @@
 
 #include "adapters/adapters.h"
 
+#include "adapters/monitor_pass.h"
 #include "platform/log.h"
 #include "platform/timed_hold.h"
 
@@ -73,7 +74,11 @@ int32_t GetCurNodeIpListAdapter(node_ip_list **list)
     if (list == nullptr) {
         return -EINVAL;
     }
-    return host::adapterSettings().hasStorage ? GetCurNodeIpList(list) : listOwnAddresses(list);
+    host::beginMonitorPass();
+    const int32_t code = host::adapterSettings().hasStorage ? GetCurNodeIpList(list) : listOwnAddresses(list);
+    // A list that reports a failure of its own is as little of use to the monitor as none.
+    host::noteMonitorQuery(code == 0 && *list != nullptr ? (*list)->result : code);
+    return code;
 }
 
 uint32_t IsIpWork(const node_ip_entry *entry)

@@ -23,7 +23,7 @@ void startAdminServer(const std::string &socketPath)
     }
     admin::ServerSettings settings;
     settings.socketPath = socketPath;
-    settings.changesSomething = admin::changesSomething;
+    settings.lane = admin::laneOf;
     settings.answer = admin::answerRequest;
     s_server = std::make_unique<admin::Server>(settings);
 }

@@ -3,6 +3,7 @@
  */
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
@@ -18,6 +19,14 @@ struct Answer {
     unsigned status;
     std::string body;
     std::string allow = {}; // the methods of the path, for a 405
+    std::string type = "application/json";
+};
+
+// How a call is run, beside the others.
+enum class Lane : uint8_t {
+    read,     // at once: it never waits
+    question, // waits for an answer from outside the node; a few run at once
+    change,   // changes something; one at a time, in the order of arrival
 };
 
 constexpr unsigned kOk = 200;
@@ -26,6 +35,7 @@ constexpr unsigned kForbidden = 403;
 constexpr unsigned kNotFound = 404;
 constexpr unsigned kMethodNotAllowed = 405;
 constexpr unsigned kInternalError = 500;
+constexpr unsigned kBusy = 503;
 
 // Thrown by a call that cannot be done: the HTTP status, and one line that says why.
 class CallError : public std::runtime_error {

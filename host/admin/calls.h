@@ -33,5 +33,18 @@ Json putLog(const CallInput &input);
 Json getMemory(const CallInput &input);
 Json getStorageFaults(const CallInput &input);
 Json postStorageFault(const CallInput &input);
+Json getMonitor(const CallInput &input);
+Json putMonitor(const CallInput &input);
+Json explainIp(const CallInput &input);
+Json getLifPorts(const CallInput &input);
+Json postLifPort(const CallInput &input);
+Json deleteLifPort(const CallInput &input);
+Json getLifIndex(const CallInput &input);
+Json getLifName(const CallInput &input);
+Json postQuestion(const CallInput &input);
+Json postControlIps(const CallInput &input);
+
+// What the node counts, as Prometheus text.
+std::string metricsText();
 
 } // namespace host::admin

@@ -2,6 +2,7 @@
 
 #include "admin/answer.h"
 #include <algorithm>
+#include <arpa/inet.h>
 #include <charconv>
 #include <nlohmann/json.hpp>
 #include <vector>
@@ -71,9 +72,8 @@ Json parseFields(const std::string &body, std::initializer_list<std::string_view
     return object;
 }
 
-std::string textField(const Json &fields, const std::string &name)
+static std::string textOf(const Json &value, const std::string &name)
 {
-    const Json &value = field(fields, name);
     if (!value.is_string()) {
         refuse(name, "must be a text");
     }
@@ -82,6 +82,11 @@ std::string textField(const Json &fields, const std::string &name)
         refuse(name, "must not hold a NUL character");
     }
     return text;
+}
+
+std::string textField(const Json &fields, const std::string &name)
+{
+    return textOf(field(fields, name), name);
 }
 
 std::optional<std::string> optionalTextField(const Json &fields, const std::string &name)
@@ -99,6 +104,35 @@ uint32_t numberField(const Json &fields, const std::string &name, uint32_t max)
         refuse(name, "must be a whole number from 0 to " + std::to_string(max));
     }
     return value.get<uint32_t>();
+}
+
+std::optional<uint32_t> optionalNumberField(const Json &fields, const std::string &name, uint32_t max)
+{
+    return fields.contains(name) ? std::optional(numberField(fields, name, max)) : std::nullopt;
+}
+
+std::vector<std::string> textsField(const Json &fields, const std::string &name, size_t max)
+{
+    std::vector<std::string> texts;
+    if (!fields.contains(name)) {
+        return texts;
+    }
+    const Json &value = field(fields, name);
+    if (!value.is_array() || value.size() > max) {
+        refuse(name, "must be an array of at most " + std::to_string(max) + " texts");
+    }
+    for (const Json &element : value) {
+        texts.push_back(textOf(element, name));
+    }
+    return texts;
+}
+
+void checkAddress(const std::string &name, const std::string &text)
+{
+    in6_addr room{};
+    if (inet_pton(AF_INET, text.c_str(), &room) != 1 && inet_pton(AF_INET6, text.c_str(), &room) != 1) {
+        refuse(name, "must be an IPv4 or IPv6 address");
+    }
 }
 
 uint64_t parseId(const std::string &text)

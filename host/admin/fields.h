@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace host::admin {
 
@@ -21,6 +22,12 @@ std::string textField(const nlohmann::ordered_json &fields, const std::string &n
 std::optional<std::string> optionalTextField(const nlohmann::ordered_json &fields, const std::string &name);
 // A whole number from 0 to max.
 uint32_t numberField(const nlohmann::ordered_json &fields, const std::string &name, uint32_t max);
+std::optional<uint32_t> optionalNumberField(const nlohmann::ordered_json &fields, const std::string &name,
+                                            uint32_t max);
+// An array of texts, as textField takes them, at most max; empty when the field is left out.
+std::vector<std::string> textsField(const nlohmann::ordered_json &fields, const std::string &name, size_t max);
+// The text as an IPv4 or IPv6 address.
+void checkAddress(const std::string &name, const std::string &text);
 // Decimal digits that fit 64 bits, as text because JSON numbers lose the low bits of large ids in many readers.
 uint64_t parseId(const std::string &text);
 

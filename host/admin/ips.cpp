@@ -1,6 +1,7 @@
 /*
  * The service addresses, and how each stands with every configured module that serves its protocol type.
  */
+#include "admin/address_row.h"
 #include "admin/addresses.h"
 #include "admin/calls.h"
 #include "modules/modules.h"
@@ -38,6 +39,8 @@ Json moduleRow(const ModuleState &module, const std::string &address)
     return row;
 }
 
+} // namespace
+
 Json addressRow(const ServiceAddress &address, const std::vector<ModuleState> &modules)
 {
     Json rows = Json::array();
@@ -51,8 +54,6 @@ Json addressRow(const ServiceAddress &address, const std::vector<ModuleState> &m
             {"status", address.status},
             {"modules", std::move(rows)}};
 }
-
-} // namespace
 
 Json getIps(const CallInput & /*input*/)
 {

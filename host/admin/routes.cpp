@@ -10,31 +10,52 @@ namespace host::admin {
 
 namespace {
 
-enum class Effect { reads, changes };
-
 struct Route {
     std::string_view method;
     std::string_view path; // a '*' at the end stands for one path part, the call's argument
-    Effect effect;
-    Json (*call)(const CallInput &);
+    Lane lane;
+    Answer (*call)(const CallInput &);
 };
 
+template <Json (*Call)(const CallInput &)>
+Answer json(const CallInput &input)
+{
+    // Values out of files and adapters may hold any bytes.
+    return {kOk, Call(input).dump(-1, ' ', false, Json::error_handler_t::replace)};
+}
+
+Answer metrics(const CallInput & /*input*/)
+{
+    return {kOk, metricsText(), {}, "text/plain; version=0.0.4; charset=utf-8"};
+}
+
 constexpr std::array kRoutes = {
-    Route{"GET", "/v1/status", Effect::reads, getStatus},
-    Route{"GET", "/v1/ips", Effect::reads, getIps},
-    Route{"GET", "/v1/power", Effect::reads, getPower},
-    Route{"POST", "/v1/power", Effect::changes, postPower},
-    Route{"GET", "/v1/clusters", Effect::reads, getClusters},
-    Route{"POST", "/v1/clusters", Effect::changes, postCluster},
-    Route{"DELETE", "/v1/clusters/*", Effect::changes, deleteCluster},
-    Route{"GET", "/v1/config", Effect::reads, getConfig},
-    Route{"GET", "/v1/commands", Effect::reads, getCommands},
-    Route{"POST", "/v1/commands", Effect::changes, postCommand},
-    Route{"GET", "/v1/log", Effect::reads, getLog},
-    Route{"PUT", "/v1/log", Effect::changes, putLog},
-    Route{"GET", "/v1/memory", Effect::reads, getMemory},
-    Route{"GET", "/v1/storage/faults", Effect::reads, getStorageFaults},
-    Route{"POST", "/v1/storage/faults", Effect::changes, postStorageFault},
+    Route{"GET", "/v1/status", Lane::read, json<getStatus>},
+    Route{"GET", "/v1/ips", Lane::read, json<getIps>},
+    Route{"GET", "/v1/power", Lane::read, json<getPower>},
+    Route{"POST", "/v1/power", Lane::change, json<postPower>},
+    Route{"GET", "/v1/clusters", Lane::read, json<getClusters>},
+    Route{"POST", "/v1/clusters", Lane::change, json<postCluster>},
+    Route{"DELETE", "/v1/clusters/*", Lane::change, json<deleteCluster>},
+    Route{"GET", "/v1/config", Lane::read, json<getConfig>},
+    Route{"GET", "/v1/commands", Lane::read, json<getCommands>},
+    Route{"POST", "/v1/commands", Lane::change, json<postCommand>},
+    Route{"GET", "/v1/log", Lane::read, json<getLog>},
+    Route{"PUT", "/v1/log", Lane::change, json<putLog>},
+    Route{"GET", "/v1/memory", Lane::read, json<getMemory>},
+    Route{"GET", "/metrics", Lane::read, metrics},
+    Route{"GET", "/v1/monitor", Lane::read, json<getMonitor>},
+    Route{"PUT", "/v1/monitor", Lane::change, json<putMonitor>},
+    Route{"GET", "/v1/ips/*", Lane::read, json<explainIp>},
+    Route{"GET", "/v1/lif", Lane::read, json<getLifPorts>},
+    Route{"POST", "/v1/lif", Lane::change, json<postLifPort>},
+    Route{"DELETE", "/v1/lif/*", Lane::change, json<deleteLifPort>},
+    Route{"GET", "/v1/lif/index/*", Lane::read, json<getLifIndex>},
+    Route{"GET", "/v1/lif/name/*", Lane::question, json<getLifName>},
+    Route{"POST", "/v1/ask/*", Lane::question, json<postQuestion>},
+    Route{"POST", "/v1/ctrl-ips", Lane::question, json<postControlIps>},
+    Route{"GET", "/v1/storage/faults", Lane::question, json<getStorageFaults>},
+    Route{"POST", "/v1/storage/faults", Lane::question, json<postStorageFault>},
 };
 
 bool pathMatches(const Route &route, std::string_view path)
@@ -78,19 +99,12 @@ Answer noRoute(const Request &request)
     return answer;
 }
 
-Answer runCall(const Route &route, const Request &request)
-{
-    const Json result = route.call({argumentOf(route, request.target), request.body});
-    // Values out of files and adapters may hold any bytes.
-    return {kOk, result.dump(-1, ' ', false, Json::error_handler_t::replace)};
-}
-
 } // namespace
 
-bool changesSomething(const Request &request)
+Lane laneOf(const Request &request)
 {
     const Route *route = findRoute(request);
-    return route != nullptr && route->effect == Effect::changes;
+    return route != nullptr ? route->lane : Lane::read;
 }
 
 Answer answerRequest(const Request &request)
@@ -100,7 +114,7 @@ Answer answerRequest(const Request &request)
         return noRoute(request);
     }
     try {
-        return runCall(*route, request);
+        return route->call({argumentOf(*route, request.target), request.body});
     } catch (const CallError &error) {
         return errorAnswer(error.status(), error.what());
     } catch (const std::exception &error) {

@@ -7,8 +7,8 @@
 
 namespace host::admin {
 
-// True when the request names a call that changes something. Such calls may take long.
-bool changesSomething(const Request &request);
+// Of the call that the request names; what names none is answered at once.
+Lane laneOf(const Request &request);
 
 // Never throws: whatever goes wrong becomes an error answer. From any thread.
 Answer answerRequest(const Request &request);

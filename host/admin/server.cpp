@@ -1,6 +1,6 @@
 /*
- * Everything here but the answering of changes runs on the input and output thread, so no lock is needed: the set of
- * sessions and each session belong to that thread.
+ * Everything here but the answering of changes and questions runs on the input and output thread, so no lock is needed:
+ * the set of sessions and each session belong to that thread.
  */
 #include "admin/server.h"
 
@@ -44,6 +44,7 @@ struct Host {
     ServerSettings settings;
     asio::io_context io{1};
     asio::thread_pool changes{1};
+    asio::thread_pool questions{kMaxQuestions};
     std::atomic<bool> ending{false};
     std::function<void(const std::shared_ptr<Session> &)> ended; // on the thread of io
 };
@@ -115,28 +116,31 @@ private:
         Request request{std::string(message.method_string()), std::string(message.target()), std::move(message.body())};
         if (!allowed_) {
             send(errorAnswer(kForbidden, "only the node's own user and root may call"));
-        } else if (host_.settings.changesSomething(request)) {
-            change(std::move(request));
-        } else {
+            return;
+        }
+        const Lane lane = host_.settings.lane(request);
+        if (lane == Lane::read) {
             send(host_.settings.answer(request));
+        } else {
+            answerOn(lane == Lane::change ? host_.changes : host_.questions, std::move(request));
         }
     }
 
-    void change(Request request)
+    void answerOn(asio::thread_pool &threads, Request request)
     {
         stream_.expires_never();
-        asio::post(host_.changes, [self = shared_from_this(), request = std::move(request)]() mutable {
+        asio::post(threads, [self = shared_from_this(), request = std::move(request)]() mutable {
             std::optional<Answer> answer;
             if (!self->host_.ending) {
                 answer = self->host_.settings.answer(request);
             }
             auto &io = self->host_.io;
-            asio::post(io, [self = std::move(self), answer = std::move(answer)] { self->onChanged(answer); });
+            asio::post(io, [self = std::move(self), answer = std::move(answer)] { self->onAnswered(answer); });
         });
     }
 
-    // Nothing is answered for a change that the end of the server left undone.
-    void onChanged(const std::optional<Answer> &answer)
+    // Nothing is answered for a call that the end of the server left undone.
+    void onAnswered(const std::optional<Answer> &answer)
     {
         if (answer) {
             send(*answer);
@@ -150,7 +154,7 @@ private:
         response_ = {};
         response_.result(answer.status);
         response_.version(parser_->get().version());
-        response_.set(http::field::content_type, "application/json");
+        response_.set(http::field::content_type, answer.type);
         if (!answer.allow.empty()) {
             response_.set(http::field::allow, answer.allow);
         }
@@ -228,6 +232,7 @@ public:
         host_.ending = true;
         asio::post(host_.io, [this] { beginEnd(); });
         host_.changes.join();
+        host_.questions.join();
         asio::post(host_.io, [this] { limitEnd(); });
         working_.reset();
         thread_.join();

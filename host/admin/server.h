@@ -2,7 +2,8 @@
  * HTTP/1.1 on a Unix socket, for whoever answers requests. Knows no call.
  *
  * One thread does all input and output and answers the requests that only read; another runs those that change
- * something, one after the other, so that a long change delays no reading.
+ * something, one after the other, and a few more those that wait for somebody else, so that neither delays a reading
+ * or the other.
  */
 #pragma once
 
@@ -17,11 +18,12 @@ namespace host::admin {
 
 constexpr size_t kMaxBody = 1024UL * 1024;
 constexpr size_t kMaxHeader = 8UL * 1024;
+constexpr size_t kMaxQuestions = 4;     // at once
 constexpr size_t kMaxConnections = 512; // more wait in the socket's queue
 
 struct ServerSettings {
     std::string socketPath;
-    std::function<bool(const Request &)> changesSomething;
+    std::function<Lane(const Request &)> lane;
     std::function<Answer(const Request &)> answer; // must not throw
     std::chrono::milliseconds idleTimeout{60'000}; // of a connection that neither sends nor takes anything
 };
@@ -30,7 +32,8 @@ class Server {
 public:
     // Throws std::runtime_error with one clear line when the socket cannot be had.
     explicit Server(const ServerSettings &settings);
-    // Waits for a change that runs, not for those that wait; sends the answers under way; removes the socket.
+    // Waits for the change and the questions that run, not for those that wait; sends the answers under way; removes
+    // the socket.
     ~Server();
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;

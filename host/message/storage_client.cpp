@@ -8,8 +8,10 @@
 #include "message/storage_client.h"
 
 #include "message/frame.h"
+#include "message/storage_statistics.h"
 #include "message/unix_listener.h"
 #include "platform/log.h"
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -266,6 +268,31 @@ int32_t ask(const Settings &now, const svr_call_t &call, void **response, uint32
     return result;
 }
 
+struct ResultRow {
+    int32_t code;
+    StorageResult result;
+};
+
+constexpr std::array kResults = {
+    ResultRow{-ETIMEDOUT, StorageResult::timedOut}, ResultRow{-ECONNREFUSED, StorageResult::unreachable},
+    ResultRow{-ENOENT, StorageResult::unreachable}, ResultRow{-EPIPE, StorageResult::closed},
+    ResultRow{-ECONNRESET, StorageResult::closed},  ResultRow{-EPROTO, StorageResult::malformed},
+};
+
+StorageResult resultOf(int32_t code, const void *response, uint32_t length)
+{
+    if (code != 0) {
+        const auto *row = std::ranges::find(kResults, code, &ResultRow::code);
+        return row == kResults.end() ? StorageResult::failed : row->result;
+    }
+    int32_t word = 0; // every response begins with the service's own result
+    if (length < sizeof word) {
+        return StorageResult::malformed;
+    }
+    memcpy(&word, response, sizeof word);
+    return word == 0 ? StorageResult::ok : StorageResult::refused;
+}
+
 } // namespace
 
 void configureStorageClient(const std::string &path, std::chrono::milliseconds timeout, uint32_t nodeId)
@@ -299,7 +326,10 @@ int32_t svr_upcall_sync(const svr_call_t *call, void **response, uint32_t *respo
                  host::kMaxPayload);
         return -EMSGSIZE;
     }
-    return host::ask(host::currentSettings(), *call, response, response_length);
+    const auto begin = host::Clock::now();
+    const int32_t code = host::ask(host::currentSettings(), *call, response, response_length);
+    host::countStorageCall(call->type, host::resultOf(code, *response, *response_length), host::Clock::now() - begin);
+    return code;
 }
 
 uint32_t IpcGetLocalNid(void)

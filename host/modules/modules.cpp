@@ -47,6 +47,7 @@ struct Address {
 struct Module {
     ModuleConfig config;
     std::map<std::string, Address> addresses;
+    ModuleCounts counts = {};
 };
 
 std::mutex stateLock;
@@ -129,14 +130,26 @@ uint32_t refused(const std::string &name, const char *text, uint16_t port, int e
     return static_cast<uint32_t>(error);
 }
 
+// What stays of an addition's outcome; the caller holds stateLock.
+void note(ModuleCounts &counts, Address &address, uint32_t type, int error)
+{
+    address.opening = false;
+    address.failure = error != 0 ? strerror(error) : "";
+    if (error == 0) {
+        address.holders.insert(type);
+    }
+    ++(error == 0 ? counts.additions : counts.failures);
+}
+
 uint32_t addAddress(Module &module, const std::string &text, uint32_t family, uint32_t type)
 {
     const ModuleConfig &config = module.config;
     std::unique_lock hold(stateLock);
     opened.wait(hold, [&] { return !module.addresses[text].opening; });
     Address &address = module.addresses[text];
+    module.counts.retries += address.failure.empty() ? 0 : 1;
     if (address.listener != 0) {
-        address.holders.insert(type);
+        note(module.counts, address, type, 0);
         return 0;
     }
     address.opening = true;
@@ -144,11 +157,7 @@ uint32_t addAddress(Module &module, const std::string &text, uint32_t family, ui
     const int fd = openSocket(socketAddress(text, family, config.port));
     hold.lock();
     const int error = fd >= 0 ? serve(address, fd, greetingOf(config, text, family)) : -fd;
-    address.opening = false;
-    address.failure = error != 0 ? strerror(error) : "";
-    if (error == 0) {
-        address.holders.insert(type);
-    }
+    note(module.counts, address, type, error);
     hold.unlock();
     opened.notify_all();
     if (error != 0) {
@@ -166,6 +175,7 @@ uint32_t deleteAddress(Module &module, const std::string &text, uint32_t type)
         return found != module.addresses.end() && found->second.opening;
     };
     opened.wait(hold, [&] { return !isOpening(); });
+    ++module.counts.deletions;
     const auto found = module.addresses.find(text);
     if (found == module.addresses.end()) {
         return 0;
@@ -225,7 +235,7 @@ static_assert(kModuleSlots == NAS_IP_MODULES);
 
 ModuleState stateOf(const Module &module)
 {
-    ModuleState state{.config = module.config, .listening = {}, .failures = {}};
+    ModuleState state{.config = module.config, .listening = {}, .failures = {}, .counts = module.counts};
     for (const auto &[text, address] : module.addresses) {
         if (address.listener != 0) {
             state.listening.push_back(text);
@@ -251,7 +261,7 @@ void configureModules(const std::vector<ModuleConfig> &configs)
             throw std::invalid_argument("modules " + place->config.name + " and " + config.name +
                                         ": both are in slot " + std::to_string(config.slot));
         }
-        place = Module{config, {}};
+        place = Module{config, {}, {}};
     }
     auto fresh = std::make_unique<Greeter>();
     const std::scoped_lock hold(stateLock);

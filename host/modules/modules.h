@@ -36,10 +36,19 @@ struct ModuleFailure {
     std::string reason; // for example "Address already in use"
 };
 
+// Calls of a module's hook.
+struct ModuleCounts {
+    uint64_t additions = 0; // accepted
+    uint64_t deletions = 0; // carried out
+    uint64_t retries = 0;   // additions of an address that the module had refused before
+    uint64_t failures = 0;  // refused
+};
+
 struct ModuleState {
     ModuleConfig config;
     std::vector<std::string> listening;  // addresses
     std::vector<ModuleFailure> failures; // the last refusal of each address that is not listening
+    ModuleCounts counts = {};
 };
 
 // By slot. From any thread; never waits for a bind.

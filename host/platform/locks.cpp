@@ -15,6 +15,8 @@
  * that word. The release that lets somebody in sees bit 31 and advances the epoch, so no wake-up is lost. It wakes
  * all, who then try again.
  */
+#include "platform/locks.h"
+
 #include "platform/thread_id.h"
 
 #include <atomic>
@@ -24,6 +26,7 @@
 #include <optional>
 #include <sched.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -127,6 +130,27 @@ void enter(kvos_rwlock_t &lock, std::optional<uint64_t> (*entered)(uint64_t), ui
     }
 }
 
+constexpr std::chrono::milliseconds kBetweenTries{1};
+
+bool enterInTime(kvos_rwlock_t &lock, std::optional<uint64_t> (*entered)(uint64_t), std::chrono::nanoseconds limit)
+{
+    const auto until = std::chrono::steady_clock::now() + limit;
+    const std::atomic_ref word(lock.word);
+    uint64_t seen = word.load(std::memory_order_relaxed);
+    for (;;) {
+        while (const std::optional<uint64_t> next = entered(seen)) {
+            if (word.compare_exchange_weak(seen, *next, std::memory_order_acquire, std::memory_order_relaxed)) {
+                return true;
+            }
+        }
+        if (std::chrono::steady_clock::now() >= until) {
+            return false;
+        }
+        std::this_thread::sleep_for(kBetweenTries);
+        seen = word.load(std::memory_order_relaxed);
+    }
+}
+
 uint64_t withoutReader(uint64_t word)
 {
     return (word - kOneReader) & ~kReadersTurn;
@@ -180,6 +204,16 @@ void kvos_rwlock_read_lock(kvos_rwlock_t *lock)
 void kvos_rwlock_read_unlock(kvos_rwlock_t *lock)
 {
     leave(*lock, withoutReader);
+}
+
+bool host::readLockInTime(kvos_rwlock_t *lock, std::chrono::nanoseconds limit)
+{
+    return enterInTime(*lock, withReader, limit);
+}
+
+bool host::writeLockInTime(kvos_rwlock_t *lock, std::chrono::nanoseconds limit)
+{
+    return enterInTime(*lock, withWriter, limit);
 }
 
 void kvos_rwlock_write_lock(kvos_rwlock_t *lock)

@@ -191,6 +191,11 @@ std::vector<host::LiveMemory> host::liveMemory()
     return rows;
 }
 
+size_t host::blockSize(const void *block)
+{
+    return (static_cast<const Header *>(block) - 1)->size;
+}
+
 void *nas_mem_comm_alloc(size_t size, const char *func, uint32_t line)
 {
     return tooLarge(size) ? nullptr : addHeader(std::malloc(sizeof(Header) + size), size, func, line);

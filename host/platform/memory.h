@@ -30,4 +30,7 @@ struct LiveMemory {
 // One row per source line whose blocks are still live, by function and line. From any thread.
 std::vector<LiveMemory> liveMemory();
 
+// The size that a live block of the pool was asked for with.
+size_t blockSize(const void *block);
+
 } // namespace host

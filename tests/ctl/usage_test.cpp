@@ -20,14 +20,19 @@ TEST_P(Usage, WrongCommandLineIsAnsweredWithOneLineAndExitCode2)
 }
 
 const WrongLine kWrongLines[] = {
-    {"NoCommand", {}, "which command? there are status, power, config, mem, ip, cluster, msg, cmd, log, storage"},
+    {"NoCommand",
+     {},
+     "which command? there are status, power, config, mem, ip, cluster, msg, cmd, log, "
+     "storage, lif, hdfs, ifaces, ctrl-ips"},
     {"MisspeltCommand", {"statsu"}, "statsu: no such command; did you mean status?"},
     {"StrangeCommand",
      {"frobnicate"},
-     "frobnicate: no such command; there are status, power, config, mem, ip, cluster, msg, cmd, log, storage"},
+     "frobnicate: no such command; there are status, power, config, mem, ip, cluster, msg, cmd, log, "
+     "storage, lif, hdfs, ifaces, ctrl-ips"},
     {"EmptyCommand",
      {""},
-     "\"\": no such command; there are status, power, config, mem, ip, cluster, msg, cmd, log, storage"},
+     "\"\": no such command; there are status, power, config, mem, ip, cluster, msg, cmd, log, "
+     "storage, lif, hdfs, ifaces, ctrl-ips"},
     {"CommandOfTwoLines", {"stat\nus"}, "stat\\nus: no such command; did you mean status?"},
     {"NoFaultAtAll",
      {"storage", "fault"},
@@ -48,7 +53,7 @@ const WrongLine kWrongLines[] = {
     {"TypeOutOfRange",
      {"storage", "fault", "0", "none"},
      "storage fault: TYPE: \"0\" is not a number from 1 to 4294967295"},
-    {"NoSubcommand", {"ip"}, "ip: which command? there are ls, add, del"},
+    {"NoSubcommand", {"ip"}, "ip: which command? there are ls, add, del, monitor, explain, node"},
     {"MisspeltSubcommand", {"ip", "dell"}, "ip: dell: no such command; did you mean del?"},
     {"StrangeSubcommand", {"power", "cycle"}, "power: cycle: no such command; there are on, off, status"},
     {"MisspeltGlobalOption", {"--jsno", "status"}, "status: --jsno: no such option; did you mean --json?"},
@@ -116,6 +121,34 @@ const WrongLine kWrongLines[] = {
     {"LevelTooHigh", {"log", "level", "8"}, "log level: LEVEL: \"8\" is not a number from 0 to 7"},
     {"EmptyLevel", {"log", "level", ""}, "log level: LEVEL: \"\" is not a number from 0 to 7"},
     {"NoSuchClass", {"log", "level", "--class", "4"}, "log level: --class: \"4\" is not a number from 0 to 3"},
+    {"PeriodTooLong",
+     {"ip", "monitor", "--period", "601"},
+     "ip monitor: --period: \"601\" is not a number from 1 to 600"},
+    {"NothingToExplain", {"ip", "explain"}, "ip explain: ADDR is required; nasctl ip explain --help tells the form"},
+    {"ExplanationOfText", {"ip", "explain", "eth0"}, "ip explain: eth0 is not an IPv4 or IPv6 address"},
+    {"NoLifCommand", {"lif"}, "lif: which command? there are ls, add, del, find, name"},
+    {"HalfAPort",
+     {"lif", "add", "5", "eth0"},
+     "lif add: ID, NAME and ADDRESS are needed; nasctl lif add --help tells the form"},
+    {"PortZero",
+     {"lif", "add", "0", "eth0", "::1"},
+     "lif add: ID: \"0\" is not a number from 1 to 18446744073709551615"},
+    {"PortWithALongName", {"lif", "add", "5", std::string(257, 'n'), "::1"}, "lif add: NAME: longer than 256 bytes"},
+    {"PortWithoutAddress", {"lif", "add", "5", "eth0", "here"}, "lif add: here is not an IPv4 or IPv6 address"},
+    {"PortWithABadTime",
+     {"lif", "del", "::1", "--time", "now"},
+     "lif del: --time: \"now\" is not a number from 0 to 18446744073709551615"},
+    {"IndexOfNoNumber",
+     {"lif", "find", "eth0"},
+     "lif find: ID: \"eth0\" is not a number from 1 to 18446744073709551615"},
+    {"MisspeltQuestion", {"hdfs", "zones"}, "hdfs: zones: no such command; did you mean zone?"},
+    {"ConfigurationOfText", {"hdfs", "conf", "x"}, "hdfs conf: x is not an IPv4 or IPv6 address"},
+    {"SubnetTooLong", {"hdfs", "subnet", std::string(64, 's')}, "hdfs subnet: SUBNET: longer than 63 bytes"},
+    {"FileSystemBeyond32Bits",
+     {"hdfs", "global-zone", "s", "--fs-id", "4294967296"},
+     "hdfs global-zone: --fs-id: \"4294967296\" is not a number from 0 to 4294967295"},
+    {"NegativeLs", {"hdfs", "neighbors", "-1"}, "hdfs neighbors: LS: \"-1\" is not a number from 0 to 2147483647"},
+    {"OneBadControlAddress", {"ctrl-ips", "::1", "x"}, "ctrl-ips: x is not an IPv4 or IPv6 address"},
     {"NoSuchClassToSet",
      {"log", "level", "5", "--class", "x"},
      "log level: --class: \"x\" is not a number from 0 to 3"},
@@ -133,9 +166,9 @@ TEST(Help, NamesEveryCommandAndTheExitCodes)
     const Outcome outcome = runNasctl({"--help"});
     EXPECT_EQ(outcome.code, 0);
     EXPECT_EQ(outcome.err, "");
-    for (const char *word :
-         {"\n  status ", "\n  power ", "\n  config ", "\n  mem ", "\n  ip ", "\n  cluster ", "\n  msg ", "\n  cmd ",
-          "\n  log ", "--root DIR", "--json", "Exit codes: 0 done, 1 failed, 2 "}) {
+    for (const char *word : {"\n  status ", "\n  power ", "\n  config ", "\n  mem ", "\n  ip ", "\n  cluster ",
+                             "\n  msg ", "\n  cmd ", "\n  log ", "\n  lif ", "\n  hdfs ", "\n  ifaces ",
+                             "\n  ctrl-ips ", "--root DIR", "--json", "Exit codes: 0 done, 1 failed, 2 "}) {
         EXPECT_NE(outcome.out.find(word), std::string::npos) << word;
     }
 }

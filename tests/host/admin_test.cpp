@@ -2,29 +2,21 @@
  * The admin door over a real Unix socket, in front of a node whose every answer the test scripts: this program defines
  * the functions of the library and of the host's services that the calls use.
  */
+#include "admin_node.h"
+
 #include "admin/admin_server.h"
 #include "admin/server.h"
-#include "message/message_service.h"
-#include "modules/modules.h"
-#include "node.h"
-#include "notify/commands.h"
-#include "platform/log.h"
-#include "platform/memory.h"
 #include "storage/control.h"
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
 #include <gmock/gmock.h>
-#include <map>
 #include <nasctrl/cluster_list.h>
 #include <nasctrl/config.h>
-#include <nasctrl/ip_manager.h>
 #include <nasctrl/power.h>
 #include <random>
 #include <sys/socket.h>
@@ -35,35 +27,6 @@
 #include <unistd.h>
 
 // ---- the scripted node
-
-namespace {
-
-struct ConfigValue {
-    uint32_t result = 0;
-    std::string value;
-};
-
-struct Node {
-    host::NodeIdentity identity{7, "/srv/n7", "1.2.3"};
-    std::chrono::milliseconds uptime{1500};
-    std::vector<host::StartStep> steps;
-    std::vector<host::ModuleState> modules;
-    host::MessageCounters counters{};
-    std::vector<host::MemoryAccount> accounts;
-    std::string memoryError; // what memoryAccounts throws, unless empty
-    std::string storageAnswer;
-    std::string storageFailure; // what askStorageControl throws, unless empty
-    std::pair<uint32_t, std::string> storageAsked;
-    std::vector<host::Command> commands;
-    std::function<host::CommandAnswer(const std::optional<std::string> &)> run;
-    uint32_t threshold = 6;
-    std::array<uint32_t, host::kLogClasses> classes = {6, 4, 4, 3};
-    uint32_t power = NAS_POWER_OFF;
-    int32_t powerResult = 0;
-    std::vector<uint64_t> clusters;
-    std::map<std::string, ConfigValue> config; // by getter; others fail with 1
-    std::deque<NasIpListNode> addresses;
-};
 
 Node g_node;
 
@@ -83,6 +46,8 @@ void resetNode()
     g_node = Node();
     g_iplistHead = {&g_iplistHead, &g_iplistHead};
 }
+
+namespace {
 
 uint32_t configText(const char *getter, char *out, size_t size)
 {
@@ -1081,11 +1046,51 @@ TEST_F(AdminDoor, AtTheEndTheChangeThatRunsIsAnsweredAndThoseThatWaitAreLeftUndo
     EXPECT_FALSE(std::filesystem::exists(path_));
 }
 
+TEST_F(AdminDoor, AQuestionThatWaitsDelaysNeitherReadingNorAChangeNorAnotherQuestion)
+{
+    std::promise<void> asked;
+    std::promise<void> answered;
+    host::admin::ServerSettings settings;
+    settings.socketPath = directory_ + "/asking.sock";
+    settings.lane = [](const host::admin::Request &request) {
+        return request.target == "/read"     ? host::admin::Lane::read
+               : request.target == "/change" ? host::admin::Lane::change
+                                             : host::admin::Lane::question;
+    };
+    settings.answer = [&](const host::admin::Request &request) {
+        if (request.target == "/slow") {
+            asked.set_value();
+            answered.get_future().wait();
+        }
+        return host::admin::Answer{200, request.target};
+    };
+    const host::admin::Server server(settings);
+    Client asking(settings.socketPath);
+    asking.send(httpRequest("POST", "/slow", ""));
+    asked.get_future().wait();
+
+    for (const char *target : {"/read", "/change", "/question"}) {
+        Client other(settings.socketPath);
+        other.send(httpRequest("GET", target, ""));
+        EXPECT_EQ(other.receive().body, target);
+    }
+    answered.set_value();
+    EXPECT_EQ(asking.receive().body, "/slow");
+}
+
+TEST_F(AdminDoor, MetricsComeAsPlainText)
+{
+    const Response response = call("GET", "/metrics");
+    EXPECT_EQ(response.status, 200);
+    EXPECT_THAT(response.head, HasSubstr("\r\nContent-Type: text/plain; version=0.0.4; charset=utf-8\r\n"));
+    EXPECT_THAT(response.body, StartsWith("# HELP nasctrl_build_info "));
+}
+
 TEST_F(AdminDoor, AnIdleConnectionIsClosedInTime)
 {
     host::admin::ServerSettings settings;
     settings.socketPath = directory_ + "/hasty.sock";
-    settings.changesSomething = [](const host::admin::Request &) { return false; };
+    settings.lane = [](const host::admin::Request &) { return host::admin::Lane::read; };
     settings.answer = [](const host::admin::Request &) { return host::admin::Answer{200, "{}"}; };
     settings.idleTimeout = std::chrono::milliseconds(1);
     const host::admin::Server server(settings);

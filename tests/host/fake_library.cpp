@@ -19,6 +19,8 @@ list_link g_iplistHead = {&g_iplistHead, &g_iplistHead};
 pthread_mutex_t g_ipListMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t g_ipSockIpLockMutex = PTHREAD_MUTEX_INITIALIZER;
 uint32_t g_floatIpSupport = 1;
+uint8_t g_needRetry = 0;
+uint32_t g_periodLength = 60;
 
 namespace fake {
 namespace {
@@ -66,6 +68,8 @@ void reset()
     s_ports.clear();
     g_iplistHead = {&g_iplistHead, &g_iplistHead};
     g_floatIpSupport = 1;
+    g_needRetry = 0;
+    g_periodLength = 60;
     g_NfsLifPortInfo.find = nullptr;
     g_NfsLifPortInfo.buckets = s_buckets.data();
     for (NasLifPortBucket &bucket : s_buckets) {

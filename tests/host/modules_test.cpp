@@ -441,6 +441,25 @@ TEST_F(Modules, ServeAnAddressOnARetryOnceItsPortIsFree)
     EXPECT_EQ(call("127.0.0.2", holder.port()), "nasctrld nfs 127.0.0.2:" + std::to_string(holder.port()) + "\n");
 }
 
+TEST_F(Modules, CountWhatTheirHooksWereAskedAndWhatCameOfIt)
+{
+    Listener taken("127.0.0.1");
+    configure({{1, "nfs", {3, 4}, taken.port()}});
+    event(1, kAdd, "127.0.0.1");
+    event(1, kAdd, "127.0.0.1");
+    taken.release();
+    event(1, kAdd, "127.0.0.1");
+    event(1, kAdd, "127.0.0.1", 4);
+    event(1, kDelete, "127.0.0.1");
+
+    const host::ModuleCounts counts = host::moduleStates().at(0).counts;
+
+    EXPECT_EQ(counts.additions, 2U);
+    EXPECT_EQ(counts.failures, 2U);
+    EXPECT_EQ(counts.retries, 2U);
+    EXPECT_EQ(counts.deletions, 1U);
+}
+
 TEST_F(Modules, ForgetTheFailureOfAnAddressThatIsDeleted)
 {
     configure({{1, "nfs", {3}, port}});

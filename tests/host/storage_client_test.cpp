@@ -1,5 +1,6 @@
 // This node's calls to the storage-side service, against a service that the test plays.
 #include "message/message_service.h"
+#include "message/storage_statistics.h"
 #include "message_peer.h"
 #include "recorded_log.h"
 
@@ -443,6 +444,36 @@ TEST_F(StorageClient, RefusesCallsThatCannotBeMade)
 }
 
 // ---- several callers
+
+// How often each result was counted for the types that the library does not send, in the order of their names.
+std::array<uint64_t, host::kStorageResults> countedResults()
+{
+    return host::storageCallCounts().back().byResult;
+}
+
+TEST_F(StorageClient, CountsWhatEachCallCameTo)
+{
+    start();
+    const auto before = countedResults();
+    ask(7, "nobody listens");
+    StorageService service(path(), [](StorageService &self) {
+        const Peer peer = self.accept();
+        for (const std::string &answer : {std::string(4, '\0'), std::string("\x05\0\0\0and more", 12), std::string()}) {
+            peer.send(answerTo(peer.receiveFrame(), answer));
+        }
+        peer.send(answerTo(peer.receiveFrame(), "", -95));
+        peer.send(answerTo(peer.receiveFrame(), "", -110));
+        peer.receiveFrame();
+    });
+    for (const char *call : {"ok", "refused", "too short", "failed", "timed out", "closed"}) {
+        ask(7, call);
+    }
+    service.finish();
+    const auto after = countedResults();
+    for (size_t result = 0; result < after.size(); ++result) {
+        EXPECT_EQ(after[result] - before[result], 1U) << host::kStorageResultNames[result];
+    }
+}
 
 TEST_F(StorageClient, GivesEachOfManyCallersItsOwnAnswer)
 {

@@ -1,0 +1,17 @@
+/*
+ * Reader-writer locks with an end to the waiting, for those who look at the library's tables from outside: a hold that
+ * is never given back must not take them with it.
+ */
+#pragma once
+
+#include <chrono>
+#include <nasctrl/host/platform.h>
+
+namespace host {
+
+// True when the lock was taken, false when it could not be had within limit. Given back with the unlock of the kind.
+// Waiting takes no place in the lock's order, so a crowd may pass by.
+bool readLockInTime(kvos_rwlock_t *lock, std::chrono::nanoseconds limit);
+bool writeLockInTime(kvos_rwlock_t *lock, std::chrono::nanoseconds limit);
+
+} // namespace host
