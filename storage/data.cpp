@@ -39,8 +39,10 @@ static_assert(sizeof(InterfaceEntry::name) == IF_NAMESIZE);
     refuse(node.line, place, why);
 }
 
-std::string quoted(const std::string &text)
+// As far as the first NUL.
+std::string quoted(const std::string &whole)
 {
+    const std::string text = whole.substr(0, whole.find('\0'));
     return "\"" + (text.size() > kShownText ? text.substr(0, kShownText) + "..." : text) + "\"";
 }
 
@@ -91,7 +93,7 @@ std::string address(const JsonNode &node, const std::string &place)
     // A NUL would end the text for the system's own check.
     const auto parsed = node.text.find('\0') == std::string::npos ? parseAddress(node.text) : std::nullopt;
     if (!parsed) {
-        refuse(node, place, quoted(node.text.c_str()) + " is not an IPv4 or IPv6 address");
+        refuse(node, place, quoted(node.text) + " is not an IPv4 or IPv6 address");
     }
     return parsed->text();
 }
@@ -103,7 +105,7 @@ Network network(const JsonNode &node, const std::string &place)
     }
     const auto parsed = node.text.find('\0') == std::string::npos ? parseNetwork(node.text) : std::nullopt;
     if (!parsed) {
-        refuse(node, place, quoted(node.text.c_str()) + " is not a network like 10.0.0.0/8 or fd00::/8");
+        refuse(node, place, quoted(node.text) + " is not a network like 10.0.0.0/8 or fd00::/8");
     }
     return *parsed;
 }

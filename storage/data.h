@@ -5,11 +5,11 @@
 
 #include "network.h"
 
-#include <compare>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace storage {
@@ -65,7 +65,10 @@ struct ZoneKey {
     uint32_t tenantId = 0;
     std::string subnet;
 
-    auto operator<=>(const ZoneKey &) const = default;
+    bool operator<(const ZoneKey &other) const
+    {
+        return std::tie(fsId, tenantId, subnet) < std::tie(other.fsId, other.tenantId, other.subnet);
+    }
 };
 
 using AddressList = std::vector<ServiceAddress>;

@@ -18,7 +18,7 @@ struct AdapterSettings {
     std::vector<uint32_t> lsIds;                             // the configured LS ids, the node's own among them
     std::map<uint32_t, std::string> tenants;                 // name by id
     std::map<std::string, uint32_t, std::less<>> controlIps; // LS id by control address
-    bool hasStorage = false;                                 // the storage-side service has data and answers for the node's addresses
+    bool hasStorage = false; // the storage-side service has data and answers for the node's addresses
 };
 
 // Once, before the library starts; read without a lock from then on.

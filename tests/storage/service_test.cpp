@@ -106,6 +106,23 @@ TEST_F(ServiceTest, AFaultCanBeEndedOnAConnectionOnWhichAnyNumberOfAnswersWait)
     EXPECT_EQ(peer.ask(frame(18, 1, 777, kUnread)), emptyList(1, 777));
 }
 
+TEST_F(ServiceTest, SixtyFourAnswersOfAConnectionWaitAndFurtherOnesNeverCome)
+{
+    const Service service({path(), ""});
+    const Peer peer = Peer::connectTo(path());
+    peer.ask(setFault(R"({"type": 1, "fault": "slow", "value": 50})"));
+    std::string requests;
+    for (uint32_t sequence = 0; sequence < 70; ++sequence) {
+        requests += frame(18, 1, sequence, kUnread);
+    }
+    peer.send(requests);
+    shutdown(peer.fd(), SHUT_WR);
+    uint32_t received = 0;
+    for (; !peer.receiveFrame().empty(); ++received) {
+    }
+    EXPECT_EQ(received, 64U);
+}
+
 TEST_F(ServiceTest, ATimeoutLeavesTheRequestAloneWithoutAnAnswer)
 {
     const Service service({path(), ""});
