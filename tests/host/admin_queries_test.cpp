@@ -10,6 +10,7 @@
 #include "message/storage_statistics.h"
 #include "notify/statistics.h"
 #include "platform/locks.h"
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <gmock/gmock.h>
@@ -119,7 +120,7 @@ void passed(uint64_t ageMs, const host::MonitorPass &pass)
 
 void *blockOf(const std::string &bytes)
 {
-    void *block = malloc(bytes.size() + 1);
+    void *block = malloc(std::max<size_t>(bytes.size(), 1));
     memcpy(block, bytes.data(), bytes.size());
     g_blocks[block] = bytes.size();
     return block;
