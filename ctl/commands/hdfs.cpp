@@ -32,7 +32,8 @@ static Cell fieldCell(const json &value)
     if (value.is_null()) {
         return {"missing", Tone::bad};
     }
-    return value == "" ? Cell{"-"} : shown(value);
+    const Cell cell = shown(value);
+    return cell.text.empty() ? Cell{"-"} : cell;
 }
 
 static std::string entryTable(const nlohmann::ordered_json &entries, bool colour)

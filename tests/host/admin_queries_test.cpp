@@ -10,6 +10,7 @@
 #include "message/storage_statistics.h"
 #include "notify/statistics.h"
 #include "platform/locks.h"
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <gmock/gmock.h>
@@ -119,7 +120,7 @@ void passed(uint64_t ageMs, const host::MonitorPass &pass)
 
 void *blockOf(const std::string &bytes)
 {
-    void *block = malloc(bytes.size() + 1);
+    void *block = malloc(std::max<size_t>(bytes.size(), 1));
     memcpy(block, bytes.data(), bytes.size());
     g_blocks[block] = bytes.size();
     return block;
@@ -880,6 +881,9 @@ const OddResponse kOddResponses[] = {
      R"("rest":null})"},
     {"MoreThanAnnounced", listOf(0, 0, std::string("a\x01\xff~", 4) + std::string(8, '\0')),
      R"({"result":0,"count":0,"entries":[],"rest":{"hex":"6101ff7e","text":"a..~"}})"},
+    {"AnEntryTooMany", listOf(0, 1, addressEntry(3, "::1", 1) + "a" + std::string(71, '\0')),
+     R"({"result":0,"count":1,"entries":[{"address":"::1","protocol_type":3,"work_status":1}],)"
+     R"("rest":{"hex":"61","text":"a"}})"},
     {"HalfAnEntry", listOf(0, 2, addressEntry(3, "::1", 1) + "half"),
      R"({"result":0,"count":2,"entries":[{"address":"::1","protocol_type":3,"work_status":1}],)"
      R"("rest":{"hex":"68616c66","text":"half"}})"},
@@ -1100,12 +1104,13 @@ TEST_F(AdminQueries, MetricsCountLifPortsAndThoseThatStatisticsMiss)
 {
     addPort(5, 17, "eth0", "10.0.0.1", 1);
     addPort(6, 18, "eth1", "10.0.0.2", 1);
+    addPort(7, 19, "eth2", "10.0.0.3", 1);
     g_NfsLifPortInfo.slots[18] = 0; // port 6 has lost its slot
     g_queries.perf = {5};
     kvos_rwlock_write_lock(&g_queries.buckets[200].lock);
     EXPECT_THAT(metrics("nasctrl_lif_"),
                 ElementsAre("# HELP nasctrl_lif_ports LIF ports in the table.", "# TYPE nasctrl_lif_ports gauge",
-                            "nasctrl_lif_ports 2",
+                            "nasctrl_lif_ports 3",
                             "# HELP nasctrl_lif_ports_performance LIF ports whose performance path is on.",
                             "# TYPE nasctrl_lif_ports_performance gauge", "nasctrl_lif_ports_performance 1",
                             "# HELP nasctrl_lif_ports_displaced LIF ports that the statistics find under another index "
