@@ -48,9 +48,10 @@ Payload listOf(int32_t result, const std::vector<Entry> &entries)
 {
     constexpr size_t kMost = (host::kMaxPayload - sizeof(ListHeader)) / sizeof(Entry);
     const size_t count = std::min(entries.size(), kMost);
-    Payload payload = payloadOf(ListHeader{result, static_cast<uint32_t>(count)});
-    const auto bytes = std::as_bytes(std::span(entries.data(), count));
-    payload.insert(payload.end(), bytes.begin(), bytes.end());
+    const ListHeader header{result, static_cast<uint32_t>(count)};
+    Payload payload(sizeof header + count * sizeof(Entry));
+    memcpy(payload.data(), &header, sizeof header);
+    std::ranges::copy(std::as_bytes(std::span(entries.data(), count)), payload.begin() + sizeof header);
     return payload;
 }
 

@@ -11,6 +11,7 @@
 #include "message/unix_listener.h"
 #include "responder.h"
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
@@ -51,9 +52,9 @@ Payload frameOf(const host::FrameHeader &request, const Reply &reply)
     header.length = host::kMinFrameLength + static_cast<uint32_t>(reply.payload.size());
     header.direction = host::kReply;
     header.result = reply.result;
-    const auto headerBytes = std::as_bytes(std::span(&header, 1));
-    Payload frame(headerBytes.begin(), headerBytes.end());
-    frame.insert(frame.end(), reply.payload.begin(), reply.payload.end());
+    Payload frame(sizeof header + reply.payload.size());
+    memcpy(frame.data(), &header, sizeof header);
+    std::ranges::copy(reply.payload, frame.begin() + sizeof header);
     return frame;
 }
 

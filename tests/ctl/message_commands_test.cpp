@@ -204,8 +204,10 @@ TEST_F(Message, AReplyWithAResultIsAFailureToo)
 }
 
 struct MalformedRow : NamedRow {
-    Frame change;    // added to the answer's fields, its payload taken as it is
-    uint32_t length; // of what follows the word; 0 = the true one
+    uint32_t sequence; // added to the request's
+    uint32_t direction;
+    const char *payload; // taken as it is
+    uint32_t length;     // of what follows the word; 0 = the true one
     std::string why;
 };
 
@@ -214,9 +216,8 @@ class Malformed : public NasctlTest, public testing::WithParamInterface<Malforme
 TEST_P(Malformed, AnswerIsNotTakenForOne)
 {
     node_.answerMessage([](const Frame &request) {
-        Frame answer = GetParam().change;
-        answer.sequence += request.sequence;
-        std::string bytes = encode(answer);
+        std::string bytes =
+            encode({3, 1, request.sequence + GetParam().sequence, GetParam().direction, 0, GetParam().payload});
         const uint32_t length = GetParam().length;
         if (length != 0) {
             bytes.replace(0, 4, reinterpret_cast<const char *>(&length), 4);
@@ -231,12 +232,12 @@ TEST_P(Malformed, AnswerIsNotTakenForOne)
 }
 
 const MalformedRow kMalformed[] = {
-    {"TooShort", {3, 1, 0, 1, 0, ""}, 19, "length 19"},
-    {"TooLong", {3, 1, 0, 1, 0, ""}, 1048597, "length 1048597"},
-    {"OtherSequence", {3, 1, 1, 1, 0, ""}, 0, "sequence 2 instead of 1"},
-    {"Request", {3, 1, 0, 0, 0, ""}, 0, "direction 0 with 0 bytes of payload"},
-    {"UnknownDirection", {3, 1, 0, 3, 0, "ab"}, 0, "direction 3 with 2 bytes of payload"},
-    {"NoReplyWithPayload", {3, 1, 0, 2, 0, "a"}, 0, "direction 2 with 1 bytes of payload"},
+    {"TooShort", 0, 1, "", 19, "length 19"},
+    {"TooLong", 0, 1, "", 1048597, "length 1048597"},
+    {"OtherSequence", 1, 1, "", 0, "sequence 2 instead of 1"},
+    {"Request", 0, 0, "", 0, "direction 0 with 0 bytes of payload"},
+    {"UnknownDirection", 0, 3, "ab", 0, "direction 3 with 2 bytes of payload"},
+    {"NoReplyWithPayload", 0, 2, "a", 0, "direction 2 with 1 bytes of payload"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Frames, Malformed, testing::ValuesIn(kMalformed), rowName);
