@@ -8,7 +8,7 @@
 
 #include "log.h"
 #include "machine.h"
-#include "message/unix_listener.h"
+#include "platform/unix_listener.h"
 #include "responder.h"
 
 #include <algorithm>
@@ -36,15 +36,6 @@ using Error = boost::system::error_code;
 
 constexpr unsigned kMaxSlow = 64;
 constexpr std::chrono::milliseconds kAcceptPause{100};
-
-// The client is this process's own user or root, both as this process sees them.
-bool isTrusted(int socket)
-{
-    ucred client{};
-    socklen_t size = sizeof client;
-    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &client, &size) == 0 &&
-           (client.uid == geteuid() || client.uid == 0);
-}
 
 Payload frameOf(const host::FrameHeader &request, const Reply &reply)
 {
@@ -220,7 +211,7 @@ private:
                 acceptLater();
                 return;
             }
-            if (isTrusted(socket.native_handle())) {
+            if (host::peerOf(socket.native_handle()).trusted) {
                 std::make_shared<Connection>(responder_, std::move(socket))->serve();
             } else {
                 STORAGE_LOG(NASCTRL_LOG_ERROR, "a client of another user is refused");

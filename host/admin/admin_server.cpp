@@ -19,13 +19,17 @@ void startAdminServer(const std::string &socketPath)
 {
     const std::lock_guard guard(s_lock);
     if (s_server) {
-        throw std::runtime_error("admin socket " + socketPath + ": the admin server runs already");
+        throw std::runtime_error("admin server: it runs already");
     }
     admin::ServerSettings settings;
     settings.socketPath = socketPath;
     settings.lane = admin::laneOf;
     settings.answer = admin::answerRequest;
-    s_server = std::make_unique<admin::Server>(settings);
+    try {
+        s_server = std::make_unique<admin::Server>(settings);
+    } catch (const std::exception &error) {
+        throw std::runtime_error(std::string("admin server: ") + error.what());
+    }
 }
 
 void stopAdminServer()

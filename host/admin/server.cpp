@@ -4,7 +4,8 @@
  */
 #include "admin/server.h"
 
-#include "admin/socket_file.h"
+#include "platform/unix_listener.h"
+
 #include <array>
 #include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
@@ -70,7 +71,7 @@ bool isMalformed(const ErrorCode &error)
 class Session : public std::enable_shared_from_this<Session> {
 public:
     Session(Host &host, Protocol::socket socket)
-        : host_(host), stream_(std::move(socket)), allowed_(isPeerAllowed(stream_.socket().native_handle()))
+        : host_(host), stream_(std::move(socket)), allowed_(peerOf(stream_.socket().native_handle()).trusted)
     {
     }
 
@@ -218,7 +219,7 @@ private:
 class Server::Impl {
 public:
     explicit Impl(const ServerSettings &settings)
-        : file_(settings.socketPath), acceptor_(host_.io, Protocol(), file_.takeSocket()), timer_(host_.io)
+        : listener_(settings.socketPath), acceptor_(host_.io, Protocol(), listener_.release()), timer_(host_.io)
     {
         host_.settings = settings;
         host_.ended = [this](const std::shared_ptr<Session> &session) { forget(session); };
@@ -307,7 +308,7 @@ private:
     }
 
     // The sessions refer to host_, and their streams to its io_context: it is the last to go but the file.
-    SocketFile file_;
+    UnixListener listener_;
     Host host_;
     Protocol::acceptor acceptor_;
     asio::steady_timer timer_; // of the next accept; of the end

@@ -6,7 +6,6 @@
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/post.hpp>
 #include <pthread.h>
-#include <sys/socket.h>
 
 namespace host {
 
@@ -15,13 +14,6 @@ namespace asio = boost::asio;
 namespace {
 
 constexpr std::chrono::milliseconds kAcceptPause{100};
-
-// The client is this node's own user or root, both as this process sees them. A user that its namespace does not know
-// appears as the overflow user and is refused.
-bool isTrusted(const ucred &client)
-{
-    return client.uid == geteuid() || client.uid == 0;
-}
 
 } // namespace
 
@@ -108,10 +100,9 @@ void Server::acceptLater()
 
 void Server::admit(Connection::Socket socket)
 {
-    ucred client{};
-    socklen_t size = sizeof client;
-    if (getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &client, &size) != 0 || !isTrusted(client)) {
-        HOST_LOG(NASCTRL_LOG_ERROR, "message: client %d is refused: it runs as user %u", client.pid, client.uid);
+    const UnixPeer client = peerOf(socket.native_handle());
+    if (!client.trusted) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "message: client %d is refused: it runs as user %u", client.pid, client.user);
         return;
     }
     ++counters.accepted;

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "message/connection.h"
-#include "message/unix_listener.h"
+#include "platform/unix_listener.h"
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/steady_timer.hpp>

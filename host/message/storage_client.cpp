@@ -9,8 +9,8 @@
 
 #include "message/frame.h"
 #include "message/storage_statistics.h"
-#include "message/unix_listener.h"
 #include "platform/log.h"
+#include "platform/unix_listener.h"
 #include <algorithm>
 #include <array>
 #include <atomic>

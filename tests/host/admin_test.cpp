@@ -1122,8 +1122,7 @@ TEST_F(AdminDoor, TheSocketIsItsOwnersAlone)
 
 TEST_F(AdminDoor, StartsOnlyOnceAndAgainAfterItsEnd)
 {
-    EXPECT_EQ(whyNotStarted(directory_ + "/second.sock"),
-              "admin socket " + directory_ + "/second.sock: the admin server runs already");
+    EXPECT_EQ(whyNotStarted(directory_ + "/second.sock"), "admin server: it runs already");
     EXPECT_FALSE(std::filesystem::exists(directory_ + "/second.sock"));
     host::stopAdminServer();
     host::stopAdminServer();
@@ -1159,9 +1158,9 @@ TEST_F(AdminDoor, ALiveSocketIsRefusedAndLeftAlone)
     host::stopAdminServer();
     const int live = leaveSocket(path_, 0);
 
-    EXPECT_EQ(whyNotStarted(path_), "admin socket " + path_ + ": another process listens on it");
+    EXPECT_EQ(whyNotStarted(path_), "admin server: " + path_ + ": another process listens on it");
     // The first attempt's connection fills the queue.
-    EXPECT_EQ(whyNotStarted(path_), "admin socket " + path_ + ": another process listens on it");
+    EXPECT_EQ(whyNotStarted(path_), "admin server: " + path_ + ": another process listens on it");
     EXPECT_TRUE(std::filesystem::is_socket(path_));
     close(live);
 }
@@ -1171,7 +1170,7 @@ TEST_F(AdminDoor, AFileThatIsNoSocketIsRefusedAndLeftAlone)
     host::stopAdminServer();
     std::ofstream(path_) << "precious";
 
-    EXPECT_EQ(whyNotStarted(path_), "admin socket " + path_ + ": the file is not a socket");
+    EXPECT_EQ(whyNotStarted(path_), "admin server: " + path_ + ": exists and is not a socket");
     EXPECT_TRUE(std::filesystem::is_regular_file(path_));
 }
 
@@ -1180,10 +1179,11 @@ TEST_F(AdminDoor, APathThatCannotBeIsRefused)
     host::stopAdminServer();
     const std::string longPath = directory_ + "/" + std::string(108, 'x');
 
-    EXPECT_EQ(whyNotStarted(""), "admin socket : the path is empty");
-    EXPECT_EQ(whyNotStarted(longPath), "admin socket " + longPath + ": the path is longer than 107 characters");
+    EXPECT_EQ(whyNotStarted(""), "admin server: : is empty or too long for a socket, 107 characters at most");
+    EXPECT_EQ(whyNotStarted(longPath),
+              "admin server: " + longPath + ": is empty or too long for a socket, 107 characters at most");
     EXPECT_EQ(whyNotStarted(directory_ + "/none/a.sock"),
-              "admin socket " + directory_ + "/none/a.sock: No such file or directory");
+              "admin server: " + directory_ + "/none/a.sock: No such file or directory");
 }
 
 TEST_F(AdminDoor, AtTheEndAnothersSocketInItsPlaceIsLeftAlone)

@@ -127,7 +127,7 @@ TEST(Node, ASecondNodeOnTheSameRootIsRefused)
     const Outcome second = run({NASCTRLD, "--root", node.root(), "--no-console"});
     EXPECT_EQ(second.exitCode, 1);
     EXPECT_EQ(std::count(second.err.begin(), second.err.end(), '\n'), 1) << second.err;
-    EXPECT_THAT(second.err, HasSubstr("message.sock"));
+    EXPECT_THAT(second.err, HasSubstr("another process listens on it"));
     EXPECT_EQ(node.ctl({"status"}).exitCode, 0) << "the first goes on";
 }
 

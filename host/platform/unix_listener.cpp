@@ -1,4 +1,4 @@
-#include "message/unix_listener.h"
+#include "platform/unix_listener.h"
 
 #include <cerrno>
 #include <cstring>
@@ -117,6 +117,14 @@ int connectUnix(const std::string &path, std::chrono::microseconds wait)
         return -error;
     }
     return fd;
+}
+
+UnixPeer peerOf(int socket)
+{
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    const bool known = getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+    return {peer.pid, peer.uid, known && (peer.uid == geteuid() || peer.uid == 0)};
 }
 
 } // namespace host

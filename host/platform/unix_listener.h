@@ -34,4 +34,14 @@ private:
 // a file that is not there.
 int connectUnix(const std::string &path, std::chrono::microseconds wait);
 
+// Who is at the other end of a connected socket.
+struct UnixPeer {
+    pid_t pid = 0;
+    uid_t user = 0;
+    // This process's own user or root, both as this process sees them. A user that its namespace does not know appears
+    // as the overflow user and is not trusted.
+    bool trusted = false;
+};
+UnixPeer peerOf(int socket);
+
 } // namespace host
