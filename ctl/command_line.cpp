@@ -305,7 +305,7 @@ std::string Grammar::commandName() const
 {
     std::string name;
     for (const CLI::App *command = recognised(); command != &app_; command = command->get_parent()) {
-        name = command->get_name() + (name.empty() ? "" : " ") + name;
+        name.insert(0, name.empty() ? command->get_name() : command->get_name() + " ");
     }
     return name;
 }

@@ -21,7 +21,11 @@ static std::string portId(const std::string &text)
 
 static json timeOf(const std::optional<std::string> &time)
 {
-    return time ? json{{"time", std::to_string(parseNumber("--time", *time, 0, UINT64_MAX))}} : json();
+    if (!time) {
+        return {};
+    }
+    const uint64_t number = parseNumber("--time", *time, 0, UINT64_MAX);
+    return {{"time", std::to_string(number)}};
 }
 
 static std::string portTable(const json &ports, bool colour)

@@ -77,13 +77,19 @@ static std::string monitorText(const json &answer, bool colour)
     return fields.render(colour) + failingTable(answer.at("failing"), colour);
 }
 
+// Sets the period first when there is one.
+static std::string askMonitor(const AdminClient &client, const std::optional<std::string> &period)
+{
+    if (!period) {
+        return client.get("/v1/monitor");
+    }
+    const uint64_t seconds = parseNumber("--period", *period, 1, kMaxPeriod);
+    return client.put("/v1/monitor", {{"period", seconds}});
+}
+
 int showMonitor(const Session &session, const std::optional<std::string> &period)
 {
-    const AdminClient client(session);
-    const std::string answer =
-        period ? client.put("/v1/monitor", {{"period", parseNumber("--period", *period, 1, kMaxPeriod)}})
-               : client.get("/v1/monitor");
-    present(session, answer, monitorText);
+    present(session, askMonitor(AdminClient(session), period), monitorText);
     return kDone;
 }
 

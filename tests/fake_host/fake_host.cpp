@@ -68,7 +68,8 @@ struct State {
     std::map<std::string, uint32_t> ctrlIpLsIds;
 };
 
-std::unique_ptr<State> g_state = std::make_unique<State>();
+// Not freed at the end of the program, so that blocks which the library keeps on purpose stay reachable.
+State *g_state = new State;
 std::atomic<int> g_locksHeld{0};
 thread_local int t_spinDepth = 0;
 
@@ -211,7 +212,8 @@ void reset()
     for (const auto &[block, func] : g_state->blocks) {
         std::free(block);
     }
-    g_state = std::make_unique<State>();
+    delete g_state;
+    g_state = new State;
     g_locksHeld = 0;
     t_spinDepth = 0;
 }
@@ -667,7 +669,7 @@ int32_t lwt_create_default(void **handle, void (*body)(void *), void *arg, uint3
     const std::lock_guard guard(g_state->mutex);
     // Light-weight bodies share the list of threads; this cast back and forth keeps one list for both.
     g_state->held.push_back({reinterpret_cast<void *(*)(void *)>(reinterpret_cast<void *>(body)), arg});
-    *handle = g_state.get();
+    *handle = g_state;
     return 0;
 }
 
