@@ -12,9 +12,9 @@ constexpr uint32_t kMaxErrno = 4095;
 
 // In the order of FaultKind.
 constexpr FaultRow kRows[] = {
-    {FaultKind::none, "none", false, 0, 0},        {FaultKind::slow, "slow", true, 0, kMaxSlowMs},
-    {FaultKind::timeout, "timeout", false, 0, 0},  {FaultKind::shortAnswer, "short", true, 0, host::kMaxPayload},
-    {FaultKind::fail, "fail", true, 1, kMaxErrno},
+    {"none", 0, 0, FaultKind::none, false},        {"slow", 0, kMaxSlowMs, FaultKind::slow, true},
+    {"timeout", 0, 0, FaultKind::timeout, false},  {"short", 0, host::kMaxPayload, FaultKind::shortAnswer, true},
+    {"fail", 1, kMaxErrno, FaultKind::fail, true},
 };
 
 } // namespace

@@ -23,11 +23,11 @@ struct Fault {
 
 // A fault as it is written in a control request, and the values that it takes.
 struct FaultRow {
-    FaultKind kind;
     const char *name;
-    bool hasValue;
     uint32_t least;
     uint32_t most;
+    FaultKind kind;
+    bool hasValue;
 };
 
 const FaultRow &rowOf(FaultKind kind);

@@ -205,19 +205,22 @@ private:
 
     void accept()
     {
-        acceptor_.async_accept([this](const Error &error, Socket socket) {
-            if (error) {
-                STORAGE_LOG(NASCTRL_LOG_ERROR, "no connection can be accepted: %s", error.message().c_str());
-                acceptLater();
-                return;
-            }
-            if (host::peerOf(socket.native_handle()).trusted) {
-                std::make_shared<Connection>(responder_, std::move(socket))->serve();
-            } else {
-                STORAGE_LOG(NASCTRL_LOG_ERROR, "a client of another user is refused");
-            }
-            accept();
-        });
+        acceptor_.async_accept([this](const Error &error, Socket socket) { onAccept(error, std::move(socket)); });
+    }
+
+    void onAccept(const Error &error, Socket socket)
+    {
+        if (error) {
+            STORAGE_LOG(NASCTRL_LOG_ERROR, "no connection can be accepted: %s", error.message().c_str());
+            acceptLater();
+            return;
+        }
+        if (host::peerOf(socket.native_handle()).trusted) {
+            std::make_shared<Connection>(responder_, std::move(socket))->serve();
+        } else {
+            STORAGE_LOG(NASCTRL_LOG_ERROR, "a client of another user is refused");
+        }
+        accept();
     }
 
     // The client waits in the backlog meanwhile, so that trying again at once would only spin.

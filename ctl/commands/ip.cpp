@@ -113,9 +113,10 @@ static std::string modulesIn(const json &modules, const char *state)
         if (module.at("state") != state) {
             continue;
         }
-        const json reason = module.value("reason", json());
+        const json told = module.value("reason", json());
+        const std::string reason = told.is_string() ? told.get<std::string>() : "";
         text += (text.empty() ? "" : ", ") + shown(module.at("name")).text;
-        text += reason.is_string() && reason != "" ? " (" + reason.get<std::string>() + ")" : "";
+        text += reason.empty() ? "" : " (" + reason + ")";
     }
     return text.empty() ? "-" : text;
 }

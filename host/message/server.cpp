@@ -25,9 +25,14 @@ Server::Server(const std::string &path, unsigned threads)
     startThreads(threads);
 }
 
+// A thread that cannot be joined leaves nothing to be done.
 Server::~Server()
 {
-    stop();
+    try {
+        stop();
+    } catch (const std::exception &error) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "message: the service does not stop cleanly: %s", error.what());
+    }
 }
 
 void Server::startThreads(unsigned threads)
