@@ -135,4 +135,13 @@ void noticeCall(benchmark::State &state, uint32_t threshold)
 BENCHMARK_CAPTURE(noticeCall, errorsLogged, NASCTRL_LOG_ERROR)->UseManualTime()->Iterations(50000);
 BENCHMARK_CAPTURE(noticeCall, everythingLogged, NASCTRL_LOG_INFO)->UseManualTime()->Iterations(50000);
 
+// Opcode 2: the same request size, a fixed 8-byte reply, nothing logged.
+void fixedReplyCall(benchmark::State &state)
+{
+    const int client = connectTo(serviceSocket());
+    measure(state, client, frame(2, std::string(kNotice, 'x')), kHeader + 8);
+    close(client);
+}
+BENCHMARK(fixedReplyCall)->UseManualTime()->Iterations(50000);
+
 } // namespace

@@ -26,6 +26,10 @@ struct Start {
 
 constinit std::atomic<uint32_t> g_started{0};
 
+// Small enough for libc to keep the stacks of a whole group of addition threads for the next one, which it does up to
+// 40 MiB; mapping new ones would take longer than starting the threads.
+constexpr size_t kStackSize = size_t{1024} * 1024;
+
 void *runNamed(void *start)
 {
     const std::unique_ptr<Start> own(static_cast<Start *>(start));
@@ -35,16 +39,17 @@ void *runNamed(void *start)
     return own->body(own->arg);
 }
 
-class DetachedAttributes {
+class ThreadAttributes {
 public:
-    DetachedAttributes()
+    ThreadAttributes()
     {
         pthread_attr_init(&attributes_);
         pthread_attr_setdetachstate(&attributes_, PTHREAD_CREATE_DETACHED);
+        pthread_attr_setstacksize(&attributes_, kStackSize);
     }
-    ~DetachedAttributes() { pthread_attr_destroy(&attributes_); }
-    DetachedAttributes(const DetachedAttributes &) = delete;
-    DetachedAttributes &operator=(const DetachedAttributes &) = delete;
+    ~ThreadAttributes() { pthread_attr_destroy(&attributes_); }
+    ThreadAttributes(const ThreadAttributes &) = delete;
+    ThreadAttributes &operator=(const ThreadAttributes &) = delete;
     const pthread_attr_t *get() const { return &attributes_; }
 
 private:
@@ -69,7 +74,7 @@ int32_t kvos_thrd_create(void *(*body)(void *), void *arg, unsigned long *thread
         return ENOMEM;
     }
     // glibc stores the id before it lets the thread run; storing it here afterwards could come after the body's end.
-    const int result = pthread_create(thread_id, DetachedAttributes().get(), runNamed, start.get());
+    const int result = pthread_create(thread_id, ThreadAttributes().get(), runNamed, start.get());
     if (result == 0) {
         static_cast<void>(start.release()); // runNamed owns it now
     }
