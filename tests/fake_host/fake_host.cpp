@@ -1,5 +1,7 @@
 #include "fake_host.h"
 
+#include "recorder.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstdarg>
@@ -73,19 +75,6 @@ State *g_state = new State;
 std::atomic<int> g_locksHeld{0};
 thread_local int t_spinDepth = 0;
 
-std::string quoted(const char *text)
-{
-    return text != nullptr ? "\"" + std::string(text) + "\"" : "null";
-}
-std::string number(uint64_t value)
-{
-    return std::to_string(value);
-}
-std::string number(uint32_t value)
-{
-    return std::to_string(value);
-}
-
 std::string join(const std::vector<std::string> &arguments)
 {
     std::string text;
@@ -128,6 +117,57 @@ void runAction(const std::string &name)
     action();
 }
 
+void *allocate(size_t size, const char *func)
+{
+    const std::lock_guard guard(g_state->mutex);
+    if (t_spinDepth > 0) {
+        g_state->underSpin.emplace_back("nas_mem_comm_alloc");
+    }
+    const bool fails = failsNow();
+    if (fails || (g_state->failAllocation != 0 && --g_state->failAllocation == 0)) {
+        return nullptr;
+    }
+    void *block = std::calloc(1, size == 0 ? 1 : size);
+    g_state->blocks[block] = func;
+    return block;
+}
+
+void moveClock(uint64_t ms)
+{
+    const std::lock_guard guard(g_state->mutex);
+    g_state->clock += ms;
+}
+
+uint64_t *wordOf(kvos_rwlock_t *lock)
+{
+    return &lock->word;
+}
+
+std::vector<void (*)()> &clearers()
+{
+    static std::vector<void (*)()> list;
+    return list;
+}
+
+} // namespace
+
+// ------------------------------------------------------------------ what the files of the fake host share
+
+namespace fake {
+
+std::string quoted(const char *text)
+{
+    return text != nullptr ? "\"" + std::string(text) + "\"" : "null";
+}
+std::string number(uint64_t value)
+{
+    return std::to_string(value);
+}
+std::string number(uint32_t value)
+{
+    return std::to_string(value);
+}
+
 void record(const std::string &name, const std::vector<std::string> &arguments)
 {
     {
@@ -158,20 +198,20 @@ int64_t calledFailable(const std::string &name, const std::vector<std::string> &
     return fails && answer == 0 ? 1 : answer;
 }
 
-void *allocate(size_t size, const char *func)
+AtReset::AtReset(void (*clear)())
 {
-    const std::lock_guard guard(g_state->mutex);
-    if (t_spinDepth > 0) {
-        g_state->underSpin.emplace_back("nas_mem_comm_alloc");
-    }
-    const bool fails = failsNow();
-    if (fails || (g_state->failAllocation != 0 && --g_state->failAllocation == 0)) {
-        return nullptr;
-    }
-    void *block = std::calloc(1, size == 0 ? 1 : size);
-    g_state->blocks[block] = func;
-    return block;
+    clearers().push_back(clear);
 }
+
+} // namespace fake
+
+using fake::called;
+using fake::calledFailable;
+using fake::number;
+using fake::quoted;
+using fake::record;
+
+namespace {
 
 int32_t readConfig(const std::string &name, const std::string &file, const char *section, const char *key, char *buffer,
                    uint32_t size)
@@ -187,17 +227,6 @@ int32_t readConfig(const std::string &name, const std::string &file, const char 
     }
     std::memcpy(buffer, found->second.c_str(), found->second.size() + 1);
     return 0;
-}
-
-void moveClock(uint64_t ms)
-{
-    const std::lock_guard guard(g_state->mutex);
-    g_state->clock += ms;
-}
-
-uint64_t *wordOf(kvos_rwlock_t *lock)
-{
-    return &lock->word;
 }
 
 } // namespace
@@ -216,6 +245,9 @@ void reset()
     g_state = new State;
     g_locksHeld = 0;
     t_spinDepth = 0;
+    for (const auto clear : clearers()) {
+        clear();
+    }
 }
 
 std::vector<LogLine> logLines()
