@@ -50,6 +50,9 @@ NASCTRL_API void kvos_rwlock_write_unlock(kvos_rwlock_t *lock);
 /* The unsigned decimal number that text begins with; 0 when it begins with none. */
 NASCTRL_API uint64_t kvos_str_tou64(const char *text);
 
+/* A hash of value reduced below modulus; 0 for modulus 0. The same for the same arguments on every node. */
+NASCTRL_API uint32_t hash_u64_id(uint64_t value, uint32_t modulus);
+
 NASCTRL_END_DECLS
 
 #endif
