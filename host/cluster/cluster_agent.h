@@ -2,9 +2,9 @@
  * What keeps a node in its cluster, without a thread of its own: rounds that renew the node's lease, elect the master,
  * look after the clients as master and tell of what the store's watch brought.
  *
- * round and waitForWork are for one thread. fetchView and followFetched are for the thread that connects, one at a
- * time. applyLock_ is held while a view is told of, so that views are told of one at a time and in order; queueLock_
- * for a few instructions, also from the watch's thread.
+ * round and waitForWork are for one thread. fetchView and followFetched are for the threads that connect; of several at
+ * once, the last to read wins. applyLock_ is held while a view is told of, so that views are told of one at a time and
+ * in order; queueLock_ for a few instructions, also from the watch's thread.
  */
 #pragma once
 

@@ -6,7 +6,7 @@
  * several machines.
  *
  * Threads: every function may be called from any thread, several at a time, also from a watch's callback. A call waits
- * at most for the time-out of the store's settings and never throws.
+ * at most for the time-out of the store's settings and, but for a watch without a thread, never throws.
  *
  * Units: a version counts the writes of one key since it was created; it is 1 after the creation, and starts at 1 again
  * when the key is removed and created anew. A revision counts the changes of the whole store; it never goes back and
@@ -122,6 +122,10 @@ public:
     // done, absent, unknown.
     virtual StoreRead read(const std::string &key) = 0;
 
+    // What the key held at that version, since it was last created. Also absent when the store remembers it no longer.
+    // done, absent, unknown.
+    virtual StoreRead readBack(const std::string &key, uint64_t version) = 0;
+
     // Writes a key that still has this version: done, absent, differs, noLease, unknown. The key belongs to this lease
     // alone from then on, or to none.
     virtual StoreWrite write(const std::string &key, const std::string &value, uint64_t version,
@@ -141,7 +145,8 @@ public:
     virtual StoreResult revoke(StoreLease lease) = 0;
 
     // Tells of every change after the revision (0 = of all that the store remembers) of a key that begins with the
-    // prefix. Waits for nothing: a store that cannot be reached is tried again until it can. Never null.
+    // prefix. Waits for nothing: a store that cannot be reached is tried again until it can. Never null; throws
+    // std::system_error when there is no thread to be had.
     [[nodiscard]] virtual std::unique_ptr<StoreWatch> watch(const std::string &prefix, uint64_t revision,
                                                             StoreCallback callback) = 0;
 
@@ -149,8 +154,9 @@ public:
     virtual StoreStatus status() const = 0;
 };
 
-// A write whose answer is lost is read back, and is done when the key holds this value at the version that follows. For
-// values that only one writer can write. Done, refused, or unknown when the store cannot be read either.
+// As create and write, but a lost answer is settled: the value is read back, and when the key held it at the version that
+// follows, the write is done. For values that nobody else writes. Unknown only when the store cannot be read either, or
+// no longer remembers; waits for up to four time-outs.
 StoreWrite createSettled(Store &store, const std::string &key, const std::string &value, StoreLease lease = 0);
 StoreWrite writeSettled(Store &store, const std::string &key, const std::string &value, uint64_t version,
                         StoreLease lease = 0);
@@ -162,7 +168,7 @@ struct StoreSettings {
     std::string file;                   // SQLite, when there are no end points
     std::vector<std::string> endpoints; // etcd, for example http://127.0.0.1:2379; tried in turn
     std::chrono::milliseconds timeout{2000};
-    uint64_t remembered = 10000; // changes that the SQLite file keeps for watches
+    uint32_t remembered = 10000; // changes that the SQLite file keeps for watches
     StoreClock clock;            // of the SQLite leases; empty = the machine's time since its start
 };
 
