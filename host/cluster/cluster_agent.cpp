@@ -8,6 +8,9 @@
 namespace host {
 namespace {
 
+// Until the next try after the store did not answer.
+constexpr std::chrono::milliseconds kRetryPause{200};
+
 int32_t commandType(const std::string &text)
 {
     const auto json = nlohmann::json::parse(text, nullptr, false);
@@ -28,6 +31,7 @@ void ClusterAgent::round()
     if (clock_() >= nextRenewal_) {
         keepContact();
     }
+    noteLoss();
     noteMaster();
 }
 
@@ -171,36 +175,39 @@ void ClusterAgent::keepContact()
 {
     const auto begin = clock_();
     const bool reached = lease_.renew() && lease_.elect();
-    nextRenewal_ = begin + std::chrono::milliseconds(settings_.ttl) / 3;
-    noteContact(reached, begin);
-    if (reached && lease_.isMaster()) {
-        lookAfterClients();
+    nextRenewal_ = begin + (reached ? std::chrono::milliseconds(settings_.ttl) / 3 : kRetryPause);
+    if (!reached) {
+        return;
     }
-}
-
-void ClusterAgent::noteContact(bool reached, std::chrono::milliseconds begin)
-{
     bool came = false;
-    bool went = false;
     {
         const std::scoped_lock hold(queueLock_);
-        if (reached) {
-            lastContact_ = begin;
-        }
-        came = reached && !connected_;
-        went = !reached && connected_ && clock_() - lastContact_ > settings_.ttl;
-        connected_ = (connected_ || came) && !went;
-    }
-    if (went) {
-        {
-            const std::scoped_lock hold(applyLock_);
-            following_ = false;
-        }
-        listener_.disconnected();
+        lastContact_ = begin;
+        came = !connected_;
+        connected_ = true;
     }
     if (came) {
         listener_.connected();
     }
+    if (lease_.isMaster()) {
+        lookAfterClients();
+    }
+}
+
+void ClusterAgent::noteLoss()
+{
+    {
+        const std::scoped_lock hold(queueLock_);
+        if (!connected_ || clock_() - lastContact_ <= settings_.ttl) {
+            return;
+        }
+        connected_ = false;
+    }
+    {
+        const std::scoped_lock hold(applyLock_);
+        following_ = false;
+    }
+    listener_.disconnected();
 }
 
 void ClusterAgent::noteMaster()

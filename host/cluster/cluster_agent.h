@@ -61,7 +61,7 @@ private:
     void handle(const StoreEvent &event);
     void handleView(const StoreItem &item);
     void keepContact();
-    void noteContact(bool reached, std::chrono::milliseconds begin);
+    void noteLoss();
     void noteMaster();
     void lookAfterClients();
     void setKnown(DpcView view);

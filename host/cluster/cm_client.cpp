@@ -8,6 +8,7 @@
 
 #include "cluster/cluster_agent.h"
 #include "cluster/view_changes.h"
+#include "cluster/view_record.h"
 #include "node.h"
 #include "notify/events.h"
 #include "platform/log.h"
@@ -247,7 +248,9 @@ void stopCmClient()
 
 CmStatus cmStatus()
 {
-    CmStatus status{.node = s_settings.node, .ttl = s_settings.ttl};
+    CmStatus status;
+    status.node = s_settings.node;
+    status.ttl = s_settings.ttl;
     if (const ClusterAgent *agent = s_agent) {
         status.connected = agent->isConnected();
         status.master = agent->master();

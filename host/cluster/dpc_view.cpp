@@ -2,16 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <nasctrl/version_ns.h>
-#include <new>
 #include <nlohmann/json.hpp>
 
 namespace host {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-constexpr const char *kAlias = "distributed parallel clients";
 
 template <typename Clients>
 auto place(Clients &clients, uint32_t lsId)
@@ -49,15 +45,25 @@ void checkAttribute(const std::string &name, const std::string &value)
     }
 }
 
+template <typename Number>
+Number number(const Json &row, const char *name)
+{
+    const Json &field = row.at(name);
+    if (!field.is_number_unsigned() || !std::in_range<Number>(field.get<uint64_t>())) {
+        throw std::runtime_error(std::string(name) + " is no number of its kind");
+    }
+    return field.get<Number>();
+}
+
 DpcClient clientOf(const Json &row)
 {
     DpcClient client;
-    client.lsId = row.at("ls").get<uint32_t>();
-    client.session = row.at("session").get<uint64_t>();
-    client.runState = row.at("run_state").get<int32_t>();
-    client.faultReason = row.at("reason").get<int32_t>();
-    client.faults = row.at("faults").get<uint64_t>();
-    client.node = row.at("node").get<uint32_t>();
+    client.lsId = number<uint32_t>(row, "ls");
+    client.session = number<uint64_t>(row, "session");
+    client.runState = number<int32_t>(row, "run_state");
+    client.faultReason = number<int32_t>(row, "reason");
+    client.faults = number<uint64_t>(row, "faults");
+    client.node = number<uint32_t>(row, "node");
     for (const auto &[name, value] : row.at("attributes").items()) {
         checkAttribute(name, value.get<std::string>());
         client.attributes.emplace_back(name, value.get<std::string>());
@@ -120,7 +126,7 @@ DpcView parseDpcView(const std::string &text)
     try {
         const Json json = Json::parse(text);
         DpcView view;
-        view.version = json.at("version").get<uint64_t>();
+        view.version = number<uint64_t>(json, "version");
         view.writer = json.at("writer").get<std::string>();
         for (const Json &row : json.at("clients")) {
             view.clients.push_back(clientOf(row));
@@ -153,27 +159,6 @@ int32_t faultReasonOf(const cm_ls_entry &entry)
     int32_t reason = kNoFault;
     std::memcpy(&reason, entry.rest, sizeof reason);
     return reason;
-}
-
-ViewRecord::ViewRecord(const DpcView &view)
-{
-    const size_t size = view.clients.size() * sizeof(cm_ls_entry);
-    if (size > 0) {
-        record_.ls = static_cast<cm_ls_entry *>(NasCtrlViewMalloc(static_cast<uint32_t>(size)));
-        if (record_.ls == nullptr) {
-            throw std::bad_alloc();
-        }
-    }
-    std::ranges::transform(view.clients, record_.ls, entryOf);
-    record_.version = view.version;
-    record_.lsNum = static_cast<uint32_t>(view.clients.size());
-    copyText(record_.dsName, GetNasCtrlClusterDsName());
-    copyText(record_.dsAlias, kAlias);
-}
-
-ViewRecord::~ViewRecord()
-{
-    NasCtrlViewFree(record_.ls);
 }
 
 } // namespace host

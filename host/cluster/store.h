@@ -154,9 +154,9 @@ public:
     virtual StoreStatus status() const = 0;
 };
 
-// As create and write, but a lost answer is settled: the value is read back, and when the key held it at the version that
-// follows, the write is done. For values that nobody else writes. Unknown only when the store cannot be read either, or
-// no longer remembers; waits for up to four time-outs.
+// As create and write, but a lost answer is settled: the value is read back, and when the key held it at the version
+// that follows, the write is done. For values that nobody else writes. Unknown only when the store cannot be read
+// either, or no longer remembers; waits for up to four time-outs.
 StoreWrite createSettled(Store &store, const std::string &key, const std::string &value, StoreLease lease = 0);
 StoreWrite writeSettled(Store &store, const std::string &key, const std::string &value, uint64_t version,
                         StoreLease lease = 0);

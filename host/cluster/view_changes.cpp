@@ -1,5 +1,7 @@
 #include "cluster/view_changes.h"
 
+#include "cluster/view_record.h"
+
 #include <memory>
 
 namespace host {
