@@ -58,15 +58,16 @@ std::string readReply(long status, const std::string &text, EtcdReply &reply)
 
 uint64_t etcdNumber(const json &object, const char *name)
 {
-    const auto field = object.find(name);
-    if (field == object.end()) {
+    const auto &fields = object.get_ref<const json::object_t &>();
+    const auto field = fields.find(name);
+    if (field == fields.end()) {
         return 0;
     }
-    const auto &text = field->get_ref<const std::string &>();
+    const auto &text = field->second.get_ref<const std::string &>();
     int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc() || end != text.data() + text.size()) {
-        throw EtcdError(std::string("the field ") + name + " is not a number");
+        throw std::runtime_error(std::string("the field ") + name + " is not a number");
     }
     return static_cast<uint64_t>(number);
 }
@@ -74,11 +75,12 @@ uint64_t etcdNumber(const json &object, const char *name)
 std::string etcdBytes(const json &object, const char *name)
 {
     namespace base64 = boost::beast::detail::base64;
-    const auto field = object.find(name);
-    if (field == object.end()) {
+    const auto &fields = object.get_ref<const json::object_t &>();
+    const auto field = fields.find(name);
+    if (field == fields.end()) {
         return {};
     }
-    const auto &text = field->get_ref<const std::string &>();
+    const auto &text = field->second.get_ref<const std::string &>();
     std::string bytes(base64::decoded_size(text.size()), '\0');
     bytes.resize(base64::decode(bytes.data(), text.data(), text.size()).first);
     return bytes;

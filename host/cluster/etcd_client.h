@@ -26,7 +26,8 @@ struct EtcdReply {
 constexpr int kEtcdNotFound = 5;    // a lease that has ended
 constexpr int kEtcdOutOfRange = 11; // a revision that is compacted
 
-// Fields of an answer: 64-bit numbers come as text, bytes as base64, and what is zero or empty is left out.
+// Fields of an answer: 64-bit numbers come as text, bytes as base64, and what is zero or empty is left out. Throw
+// std::exception for what etcd does not say.
 uint64_t etcdNumber(const nlohmann::json &object, const char *name);
 std::string etcdBytes(const nlohmann::json &object, const char *name);
 std::string toEtcdBytes(const std::string &bytes);

@@ -56,9 +56,9 @@ std::string SqliteQuery::bytesAt(int column) const
     return data == nullptr ? std::string() : std::string(static_cast<const char *>(data), size);
 }
 
-SqliteFile::SqliteFile(std::string path, std::chrono::milliseconds patience) : path_(std::move(path))
+SqliteFile::SqliteFile(std::string path, Open how, std::chrono::milliseconds patience) : path_(std::move(path))
 {
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (how == Open::orMake ? SQLITE_OPEN_CREATE : 0);
     if (sqlite3_open_v2(path_.c_str(), &handle_, flags, nullptr) != SQLITE_OK) {
         const std::string why = sqlite3_errmsg(handle_);
         sqlite3_close_v2(handle_);

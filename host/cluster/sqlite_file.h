@@ -48,8 +48,9 @@ private:
 
 class SqliteFile {
 public:
-    // Opens the file, and makes it unless it is there. Waits at most that long for another process's hold of it.
-    SqliteFile(std::string path, std::chrono::milliseconds patience);
+    enum class Open { existing, orMake };
+    // Its statements wait at most that long for another process's hold of the file.
+    SqliteFile(std::string path, Open how, std::chrono::milliseconds patience);
     ~SqliteFile();
     SqliteFile(const SqliteFile &) = delete;
     SqliteFile &operator=(const SqliteFile &) = delete;

@@ -112,7 +112,7 @@ StoreSettings withClock(StoreSettings settings)
 }
 
 SqliteStore::SqliteStore(const StoreSettings &settings)
-    : settings_(withClock(settings)), health_(settings.file), file_(settings.file, settings.timeout),
+    : settings_(withClock(settings)), health_(settings.file), file_(settings.file, SqliteFile::Open::orMake, settings.timeout),
       tables_(file_, settings.remembered)
 {
     prepareTables(file_);
@@ -293,7 +293,7 @@ std::vector<StoreEvent> SqliteWatch::look()
 {
     const StoreSettings &settings = store_.settings();
     if (!file_) {
-        file_ = std::make_unique<SqliteFile>(settings.file, settings.timeout);
+        file_ = std::make_unique<SqliteFile>(settings.file, SqliteFile::Open::existing, settings.timeout);
         dataVersion_ = 0;
     }
     file_->checkThere();
