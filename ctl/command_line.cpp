@@ -44,6 +44,7 @@ private:
     void defineCommands();
     void defineLog();
     void defineStorage();
+    void defineClients();
     void defineLifPorts();
     void defineQuestions();
     void defineZone(CLI::App *hdfs, const std::string &name, const std::string &text);
@@ -94,6 +95,7 @@ Grammar::Grammar()
     defineCommands();
     defineLog();
     defineStorage();
+    defineClients();
     defineLifPorts();
     defineQuestions();
     app_.footer("Global options may also follow the command; nasctl COMMAND --help tells more of each.\n"
@@ -290,6 +292,32 @@ void Grammar::defineStorage()
                            [this](const Session &session) { return setStorageFault(session, args_.words); });
     collectWords(fault, "[TYPE|all] none|slow MS|timeout|short BYTES|fail CODE",
                  "An answer as it should be, late, none, cut, or an error", args_.words, true);
+}
+
+void Grammar::defineClients()
+{
+    leaf(&app_, "view", "The view of the parallel clients, and who is the master", showView);
+    leaf(&app_, "master", "The cluster's master", showMaster);
+    CLI::App *dpc = family("dpc", "Parallel clients: ls, show, join, leave, kill, fault");
+    leaf(dpc, "ls", "List them", listClients);
+    const auto ofLs = [&](const char *name, const char *text, Action action) {
+        CLI::App *command = leaf(dpc, name, text, std::move(action));
+        addText(command, "LS", args_.id, "LS id of the client", "")->required();
+        return command;
+    };
+    ofLs("show", "One of them", [this](const Session &session) { return showClient(session, *args_.id); });
+    CLI::App *join =
+        ofLs("join", "Be a client: live until Ctrl-C, which leaves; kill -9 is a heart break",
+             [this](const Session &session) { return joinCluster(session, *args_.id, args_.time, args_.words); });
+    addText(join, "--ttl", args_.time, "Seconds that its lease lasts without a heart beat [3]", "SECONDS");
+    collectWords(join, "--attribute", "NAME=VALUE that other nodes shall see of it", args_.words, false);
+    ofLs("leave", "Take a client out of the view",
+         [this](const Session &session) { return leaveCluster(session, *args_.id); });
+    ofLs("kill", "Report that a client's process died",
+         [this](const Session &session) { return killClient(session, *args_.id); });
+    CLI::App *fault = ofLs("fault", "Report a client faulty and leave its process alone",
+                           [this](const Session &session) { return faultClient(session, *args_.id, args_.value); });
+    addText(fault, "--reason", args_.value, "2 process fault, 3 heart break, or another number [2]", "N");
 }
 
 CLI::App *Grammar::recognised() const
