@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <support/process.h>
 #include <sys/types.h>
 #include <vector>
 
@@ -77,8 +78,7 @@ public:
 
     // The state of a module for an address: "listening", "failing", "pending", or "" when it is not known.
     std::string moduleState(const std::string &address, const std::string &module) const;
-    // Looks again until the condition holds; false after half a minute.
-    static bool eventually(const std::function<bool()> &condition);
+    static bool eventually(const std::function<bool()> &condition) { return support::eventually(condition); }
 
 private:
     std::vector<std::string> command() const;
