@@ -934,6 +934,8 @@ TEST_F(AdminQueries, QuestionsAndChangesKeepApartFromReading)
     EXPECT_EQ(laneOf("GET", "/v1/lif/name/5"), Lane::question);
     EXPECT_EQ(laneOf("POST", "/v1/ask/zone"), Lane::question);
     EXPECT_EQ(laneOf("POST", "/v1/ctrl-ips"), Lane::question);
+    EXPECT_EQ(laneOf("GET", "/v1/storage/faults"), Lane::service);
+    EXPECT_EQ(laneOf("POST", "/v1/storage/faults"), Lane::service);
     EXPECT_EQ(laneOf("PUT", "/v1/monitor"), Lane::change);
     EXPECT_EQ(laneOf("POST", "/v1/lif"), Lane::change);
     EXPECT_EQ(laneOf("DELETE", "/v1/lif/::1"), Lane::change);
