@@ -88,9 +88,9 @@ std::string verdict(const ServiceAddress &address, const Json &modules)
     return has(modules, "pending") ? "not every module has been told yet" : "every module that serves it listens";
 }
 
-Json entryRow(const ServiceAddress &address, const std::vector<ModuleState> &modules)
+Json entryRow(const ServiceAddress &address, const AddressRows &modules)
 {
-    Json row = addressRow(address, modules);
+    Json row = modules.rowOf(address);
     row["verdict"] = verdict(address, row.at("modules"));
     return row;
 }
@@ -110,7 +110,7 @@ void addEntries(Report &report, const Binary &wanted)
         report.busy.push_back("entries");
         return;
     }
-    const std::vector<ModuleState> modules = moduleStates();
+    const AddressRows modules(moduleStates());
     for (const ServiceAddress &address : *addresses) {
         if (binaryOf(address.address) == wanted) {
             report.entries.push_back(entryRow(address, modules));
