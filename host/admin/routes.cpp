@@ -55,8 +55,8 @@ constexpr std::array kRoutes = {
     Route{"GET", "/v1/lif/name/*", Lane::question, json<getLifName>},
     Route{"POST", "/v1/ask/*", Lane::question, json<postQuestion>},
     Route{"POST", "/v1/ctrl-ips", Lane::question, json<postControlIps>},
-    Route{"GET", "/v1/storage/faults", Lane::question, json<getStorageFaults>},
-    Route{"POST", "/v1/storage/faults", Lane::question, json<postStorageFault>},
+    Route{"GET", "/v1/storage/faults", Lane::service, json<getStorageFaults>},
+    Route{"POST", "/v1/storage/faults", Lane::service, json<postStorageFault>},
     Route{"GET", "/v1/events", Lane::follow, json<getEvents>},
     Route{"GET", "/v1/locks", Lane::read, json<getFileLocks>},
     Route{"POST", "/v1/locks", Lane::change, json<postFileLock>},
@@ -114,7 +114,7 @@ Answer noRoute(const Request &request)
         }
     }
     if (allowed.empty()) {
-        return errorAnswer(kNotFound, "there is no such call");
+        return errorAnswer(kNotFound, "there is no such call in this version");
     }
     Answer answer = errorAnswer(kMethodNotAllowed, "this path answers to " + allowed + " only");
     answer.allow = allowed;

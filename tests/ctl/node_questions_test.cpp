@@ -278,7 +278,8 @@ TEST_F(Refusal, IsExitCode1WithJsonToo)
     EXPECT_EQ(
         run({"hdfs", "zone", "--json"}),
         (Outcome{answer + "\n",
-                 "nasctl: hdfs zone: the question failed with 5 (x); is the storage-side service running?\n", 1}));
+                 "nasctl: hdfs zone: the question failed with 5 (x); nasctl storage status shows its data and faults\n",
+                 1}));
 }
 
 TEST_F(Refusal, OfALookUpIsAPortThatThereIsNot)
