@@ -108,9 +108,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     Model model;
     while (!input.empty()) {
         step(input, model);
-        require(lif::table() == model.table());
+        const lif::Texts expected = model.table();
+        require(lif::table() == expected);
         require(model.sameSlots());
-        require(fake::liveBlocks() == model.table().size() + 1);
+        require(fake::liveBlocks() == expected.size() + 1);
         require(fake::locksHeld() == 0);
     }
     for (const uint64_t id : ids()) {
