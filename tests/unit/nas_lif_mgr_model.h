@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <nasctrl/lif_port.h>
 #include <string>
 #include <vector>
@@ -102,7 +101,8 @@ public:
         if (!memory) {
             return 0xFFFFFFFF;
         }
-        buckets_[id % 256].push_front({id, index, time, cut(name, 256), cut(ip, 46)});
+        auto &bucket = buckets_[id % 256];
+        bucket.insert(bucket.begin(), {id, index, time, cut(name, 256), cut(ip, 46)});
         return index;
     }
 
@@ -190,7 +190,7 @@ private:
     void release(const Port &port) { slots_[slots_[port.index] == port.id ? port.index : find(port.id)] = 0; }
 
     std::array<uint64_t, 8192> slots_{};
-    std::array<std::deque<Port>, 256> buckets_;
+    std::array<std::vector<Port>, 256> buckets_; // the newest port of each first
 };
 
 } // namespace lif
