@@ -12,6 +12,7 @@
 #include <nasctrl/ipc.h>
 #include <nasctrl/lif_port.h>
 #include <nasctrl/power.h>
+#include <nasctrl/shard_view.h>
 #include <nasctrl/version_ns.h>
 
 #endif
