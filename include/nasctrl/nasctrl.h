@@ -8,6 +8,7 @@
 #include <nasctrl/config.h>
 #include <nasctrl/control.h>
 #include <nasctrl/dpc.h>
+#include <nasctrl/fmm.h>
 #include <nasctrl/ip_manager.h>
 #include <nasctrl/ipc.h>
 #include <nasctrl/lif_port.h>

@@ -7,10 +7,9 @@
  */
 #include <atomic>
 #include <nasctrl/config.h>
-#include <nasctrl/fmm.h>
-#include <nasctrl/host/notify.h>
 
 #include "internal/bounded.h"
+#include "internal/fmm_notice.h"
 #include "internal/locks.h"
 #include "internal/pool.h"
 #include "internal/shard_view.h"
@@ -60,9 +59,7 @@ void notifyNodeEvent(fmm_buffer *buffer, uint32_t event)
     if (buffer == nullptr) {
         return;
     }
-    notify_arg_t arg{static_cast<uint32_t>(buffer->id), {}};
-    notifyCall(NOTIFY_MODULE_DLG, event, &arg);
-    notifyCall(NOTIFY_MODULE_FMM, event, &arg);
+    nas::tellDlgAndFmm(event, static_cast<uint32_t>(buffer->id));
     FspPutFmmBuffer(buffer);
 }
 
