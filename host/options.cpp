@@ -164,8 +164,8 @@ constexpr OptionRow kRows[] = {
      [](NodeOptions &o, const std::string &text) {
          o.messages.storageTimeout = std::chrono::milliseconds(count(text, kMaxStorageTimeoutMs));
      }},
-    {"message-threads", "N", "Threads that run message handlers [2]",
-     [](NodeOptions &o, const std::string &text) { o.messages.threads = count(text, kMaxThreads); }},
+    {"message-clients", "N", "Clients of the message service at once [1024]",
+     [](NodeOptions &o, const std::string &text) { o.messages.clients = count(text, kMaxMessageClients); }},
     {"log-file", "PATH", "Append the log to this file",
      [](NodeOptions &o, const std::string &text) { o.log.file = path(text); }},
     {"log-level", "LEVEL", "Drop lines above this level, 3 error, 4 progress, 6 information [6]",

@@ -113,7 +113,7 @@ TEST(Options, TakeEveryFlag)
                                        "/s",
                                        "--storage-timeout-ms",
                                        "250",
-                                       "--message-threads",
+                                       "--message-clients",
                                        "5",
                                        "--log-file",
                                        "/l",
@@ -147,7 +147,7 @@ TEST(Options, TakeEveryFlag)
     EXPECT_EQ(options.adminSocket, "/a");
     EXPECT_EQ(options.messages.storageSocketPath, "/s");
     EXPECT_EQ(options.messages.storageTimeout, std::chrono::milliseconds(250));
-    EXPECT_EQ(options.messages.threads, 5U);
+    EXPECT_EQ(options.messages.clients, 5U);
     EXPECT_TRUE(options.adapters.hasStorage);
     EXPECT_EQ(options.log.file, "/l");
     EXPECT_EQ(options.log.threshold, 4U);
