@@ -81,10 +81,12 @@ uint32_t nextLsId(uint32_t shardId)
 /* The first of count shards that an LS owns, or NAS_INVALID. */
 uint32_t findShard(uint32_t lsId, uint32_t count)
 {
-    const shard_entry *end = g_shardviewTbl.entries + count;
-    const shard_entry *entry =
-        std::find_if(g_shardviewTbl.entries, end, [lsId](const shard_entry &shard) { return shard.lsId == lsId; });
-    return entry != end ? static_cast<uint32_t>(entry - g_shardviewTbl.entries) : NAS_INVALID;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (g_shardviewTbl.entries[i].lsId == lsId) {
+            return i;
+        }
+    }
+    return NAS_INVALID;
 }
 
 /* Copies the whole slot; room beyond it is cut, as the bounds-checking library knows sizes that it refuses. */

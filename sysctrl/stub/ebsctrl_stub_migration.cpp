@@ -265,8 +265,8 @@ uint32_t FspMigrationNode(uint32_t src, uint32_t dst, int32_t failback)
     }
     kvos_rwlock_write_lock(&shardViewList.lock);
     const uint32_t len = shardViewList.node_count;
-    auto records = POOL_OWNER(
-        len != 0 ? static_cast<migration_record *>(POOL_ZALLOC(len * sizeof(migration_record))) : nullptr);
+    auto records =
+        POOL_OWNER(len != 0 ? static_cast<migration_record *>(POOL_ZALLOC(len * sizeof(migration_record))) : nullptr);
     if (records == nullptr) {
         kvos_rwlock_write_unlock(&shardViewList.lock);
         return len == 0 ? NAS_OK : NAS_ERROR;
@@ -323,10 +323,9 @@ uint32_t FspGetNodeInfo(char *buf, uint32_t len)
         SHARD_ASSERT(ret == 0);
         const bool faulty = nas::readWord(shardViewStatus[i].status) != NAS_SHARD_NORMAL;
         const uint32_t takeoverLs = nas::readWord(shardViewStatus[i].takeoverLs);
-        written +=
-            nas::append(buf + written, nas::destinationSize(len - written),
-                        "Node%-16d   %-20u     %-32s  %-20s %-20u \n", static_cast<int>(i), nas::lsIdOfShard(i), addr,
-                        faulty ? "FAULT" : "NORMAL", takeoverLs != NAS_INVALID ? takeoverLs : 0);
+        written += nas::append(buf + written, nas::destinationSize(len - written),
+                               "Node%-16d   %-20u     %-32s  %-20s %-20u \n", static_cast<int>(i), nas::lsIdOfShard(i),
+                               addr, faulty ? "FAULT" : "NORMAL", takeoverLs != NAS_INVALID ? takeoverLs : 0);
     }
     return static_cast<uint32_t>(written);
 }
