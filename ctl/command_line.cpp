@@ -6,8 +6,8 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "parse.h"
-#include "suggest.h"
 #include <CLI/CLI.hpp>
+#include <common/suggest.h>
 #include <memory>
 #include <optional>
 
@@ -372,13 +372,13 @@ void Grammar::checkWords() const
     }
     const std::string word = unknown.front().substr(0, unknown.front().find('='));
     if (word.size() > 1 && word.front() == '-') {
-        const std::string meant = suggestion(word, optionNames(command));
+        const std::string meant = common::suggestion(word, optionNames(command));
         throw UsageFailure(word + ": no such option" + (meant.empty() ? "; " + helpHint() : meant));
     }
     if (commands.empty()) {
         throw UsageFailure(nameable(unknown.front()) + ": one argument too many; " + helpHint());
     }
-    const std::string meant = suggestion(word, commands);
+    const std::string meant = common::suggestion(word, commands);
     throw UsageFailure(nameable(word) + ": no such command" +
                        (meant.empty() ? "; there are " + joined(commands) : meant));
 }

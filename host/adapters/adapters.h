@@ -25,9 +25,8 @@ struct AdapterSettings {
 void configureAdapters(const AdapterSettings &settings);
 const AdapterSettings &adapterSettings();
 
-// Counters, from any thread: notices about a tenant's LIFs, and clients whose file locks were to be released.
+// Notices about a tenant's LIFs; from any thread.
 uint64_t tenantNotices(uint32_t tenantId);
-uint64_t clientFaults();
 
 // The ids of the LIF ports whose performance path is on, in ascending order. From any thread.
 std::vector<uint64_t> perfPorts();

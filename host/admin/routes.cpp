@@ -1,6 +1,7 @@
 #include "admin/routes.h"
 
 #include "admin/calls.h"
+#include <algorithm>
 #include <array>
 #include <exception>
 #include <nlohmann/json.hpp>
@@ -13,7 +14,7 @@ namespace {
 struct Route {
     std::string_view method;
     std::string_view path; // a '*' at the end stands for one path part, the call's argument
-    Lane lane;
+    Lane lane;             // a call that follows takes a query, and no other does
     Answer (*call)(const CallInput &);
 };
 
@@ -58,6 +59,10 @@ constexpr std::array kRoutes = {
     Route{"POST", "/v1/ctrl-ips", Lane::question, json<postControlIps>},
     Route{"GET", "/v1/storage/faults", Lane::question, json<getStorageFaults>},
     Route{"POST", "/v1/storage/faults", Lane::question, json<postStorageFault>},
+    Route{"GET", "/v1/events", Lane::follow, json<getEvents>},
+    Route{"GET", "/v1/locks", Lane::read, json<getFileLocks>},
+    Route{"POST", "/v1/locks", Lane::change, json<postFileLock>},
+    Route{"DELETE", "/v1/locks", Lane::change, json<deleteFileLock>},
 };
 
 bool pathMatches(const Route &route, std::string_view path)
@@ -70,6 +75,23 @@ bool pathMatches(const Route &route, std::string_view path)
            path.find('/', prefix.size()) == std::string_view::npos;
 }
 
+struct Target {
+    std::string path;
+    std::string query;
+};
+
+// A call that takes no query has the whole target for its path.
+Target targetFor(const Route &route, const std::string &target)
+{
+    const size_t end = route.lane == Lane::follow ? std::min(target.find('?'), target.size()) : target.size();
+    return {target.substr(0, end), target.substr(std::min(end + 1, target.size()))};
+}
+
+bool matches(const Route &route, const Request &request)
+{
+    return pathMatches(route, targetFor(route, request.target).path);
+}
+
 std::string argumentOf(const Route &route, const std::string &path)
 {
     return route.path.ends_with('*') ? path.substr(route.path.size() - 1) : std::string();
@@ -78,7 +100,7 @@ std::string argumentOf(const Route &route, const std::string &path)
 const Route *findRoute(const Request &request)
 {
     for (const Route &route : kRoutes) {
-        if (route.method == request.method && pathMatches(route, request.target)) {
+        if (route.method == request.method && matches(route, request)) {
             return &route;
         }
     }
@@ -89,7 +111,7 @@ Answer noRoute(const Request &request)
 {
     std::string allowed;
     for (const Route &route : kRoutes) {
-        if (pathMatches(route, request.target)) {
+        if (matches(route, request)) {
             allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
         }
     }
@@ -106,7 +128,12 @@ Answer noRoute(const Request &request)
 Lane laneOf(const Request &request)
 {
     const Route *route = findRoute(request);
-    return route != nullptr ? route->lane : Lane::read;
+    if (route == nullptr) {
+        return Lane::read;
+    }
+    // One that follows without a wait is answered at once.
+    const bool waits = targetFor(*route, request.target).query.find("wait=") != std::string::npos;
+    return route->lane == Lane::follow && !waits ? Lane::read : route->lane;
 }
 
 Answer answerRequest(const Request &request)
@@ -116,7 +143,8 @@ Answer answerRequest(const Request &request)
         return noRoute(request);
     }
     try {
-        return route->call({argumentOf(*route, request.target), request.body});
+        const Target target = targetFor(*route, request.target);
+        return route->call({argumentOf(*route, target.path), request.body, target.query});
     } catch (const CallError &error) {
         return errorAnswer(error.status(), error.what());
     } catch (const std::exception &error) {

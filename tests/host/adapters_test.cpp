@@ -195,14 +195,6 @@ TEST_F(Adapters, CountAndLogTheChangedTenantsOnly)
     EXPECT_EQ(NasAuthAgentNsNotifyLifChange(1, nullptr), -EINVAL);
 }
 
-TEST_F(Adapters, CountLostClients)
-{
-    const uint64_t before = host::clientFaults();
-    EXPECT_EQ(NlmE_NodeFaultEvent(12), NAS_OK);
-    EXPECT_EQ(host::clientFaults(), before + 1);
-    EXPECT_THAT(fake::library().lines, ElementsAre("4 adapters: client of LS 12 lost, it held no file locks"));
-}
-
 // ---- LIF ports
 
 TEST_F(Adapters, RememberThePortsWhosePerformancePathIsOn)

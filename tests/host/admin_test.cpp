@@ -6,9 +6,11 @@
 
 #include "admin/admin_server.h"
 #include "admin/server.h"
+#include "notify/events.h"
 #include "storage/control.h"
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -1076,6 +1078,80 @@ TEST_F(AdminDoor, AQuestionThatWaitsDelaysNeitherReadingNorAChangeNorAnotherQues
     }
     answered.set_value();
     EXPECT_EQ(asking.receive().body, "/slow");
+}
+
+// A server whose every call follows: it waits until the server has it return.
+class FollowServer {
+public:
+    explicit FollowServer(const std::string &path)
+    {
+        settings_.socketPath = path;
+        settings_.lane = [](const host::admin::Request &request) {
+            return request.target == "/follow" ? host::admin::Lane::follow : host::admin::Lane::change;
+        };
+        settings_.answer = [this](const host::admin::Request &request) { return answer(request); };
+        settings_.endFollowing = [this] { ended_.set_value(); };
+        server_ = std::make_unique<host::admin::Server>(settings_);
+    }
+    void waitUntilAllFollow() { full_.get_future().wait(); }
+    void end() { server_.reset(); }
+
+private:
+    host::admin::Answer answer(const host::admin::Request &request)
+    {
+        if (request.target == "/follow") {
+            if (++following_ == host::admin::kMaxFollowers) {
+                full_.set_value();
+            }
+            end_.wait();
+        }
+        return {200, request.target};
+    }
+
+    host::admin::ServerSettings settings_;
+    std::atomic<size_t> following_ = 0;
+    std::promise<void> full_;
+    std::promise<void> ended_;
+    std::shared_future<void> end_ = ended_.get_future().share();
+    std::unique_ptr<host::admin::Server> server_;
+};
+
+TEST_F(AdminDoor, CallsThatFollowDelayNoOthersAreRefusedBeyondTheirLimitAndReturnAtTheEnd)
+{
+    const std::string path = directory_ + "/follow.sock";
+    FollowServer server(path);
+    std::deque<Client> followers;
+    for (size_t i = 0; i < host::admin::kMaxFollowers; ++i) {
+        followers.emplace_back(path).send(httpRequest("GET", "/follow", ""));
+    }
+    server.waitUntilAllFollow();
+    Client other(path);
+
+    other.send(httpRequest("GET", "/follow", ""));
+    const Response refused = other.receive();
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_EQ(refused.body, R"({"error":"16 calls wait for events already"})");
+    other.send(httpRequest("GET", "/change", ""));
+    EXPECT_EQ(other.receive().body, "/change");
+
+    server.end();
+    for (Client &follower : followers) {
+        EXPECT_EQ(follower.receive().body, "/follow");
+    }
+}
+
+TEST_F(AdminDoor, AFollowerMayComeWhenAnotherHasItsAnswer)
+{
+    for (size_t i = 0; i < host::admin::kMaxFollowers + 1; ++i) {
+        EXPECT_EQ(call("GET", "/v1/events?limit=0&wait=0").status, 200);
+    }
+}
+
+TEST_F(AdminDoor, NobodyWaitsForEventsAfterItsEnd)
+{
+    const uint64_t newest = host::readEvents(UINT64_MAX, 0).newest;
+    host::stopAdminServer();
+    EXPECT_TRUE(host::readEvents(newest, 1, std::chrono::hours(1)).events.empty());
 }
 
 TEST_F(AdminDoor, MetricsComeAsPlainText)
