@@ -11,14 +11,15 @@
 #include "storage/embedded.h"
 
 #include <filesystem>
+#include <nasctrl/host/config.h>
 #include <nasctrl/nasctrl.h>
 #include <system_error>
 
 namespace host {
 namespace {
 
-constexpr const char *kConfigurationFiles[] = {"/opt/marovesta/brisqueta/conf/dpc.conf",
-                                               "/opt/ostrak/eds/eds-f/conf/EBSServer.cfg"};
+constexpr const char *kDeploymentFile = "/opt/marovesta/brisqueta/conf/dpc.conf";
+constexpr const char *kConfigurationFiles[] = {kDeploymentFile, "/opt/ostrak/eds/eds-f/conf/EBSServer.cfg"};
 
 struct Step {
     const char *name;
@@ -67,6 +68,13 @@ int32_t setPeriod(const NodeOptions &options)
     return options.period ? NasIpMgrSetIpQueryPeriod(std::to_string(*options.period).c_str()) : 0;
 }
 
+// The shard view reads the file by its path, for which it has to be loaded by its path too.
+int32_t buildShardView(const NodeOptions & /*options*/)
+{
+    const int32_t loaded = ProtoCfgLoadFile(kDeploymentFile);
+    return loaded != 0 ? loaded : static_cast<int32_t>(stub_initShardView(kDeploymentFile));
+}
+
 int32_t done(void (*call)())
 {
     call();
@@ -112,6 +120,8 @@ constexpr Step kSteps[] = {
     {"nas_ctrl_init", [](const NodeOptions &) { return static_cast<int32_t>(nas_ctrl_init()); }},
     {"nas_ctrl_handler_reg", [](const NodeOptions &) { return nas_ctrl_handler_reg(); }},
     {"NasCtrlClusterInit", [](const NodeOptions &) { return static_cast<int32_t>(NasCtrlClusterInit()); }},
+    {"stub_initShardView", buildShardView},
+    {"nas_fmm_module_init", [](const NodeOptions &) { return nas_fmm_module_init(); }},
     {"CM connect event", [](const NodeOptions &) { return connectCmClient(); }},
     {"service door", [](const NodeOptions &) { return done(shutServiceDoor); }},
     {"module hooks", [](const NodeOptions &) { return done(registerModuleHooks); }},

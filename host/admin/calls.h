@@ -29,6 +29,8 @@ Json deleteCluster(const CallInput &input);
 Json getConfig(const CallInput &input);
 Json getCommands(const CallInput &input);
 Json postCommand(const CallInput &input);
+Json getFmm(const CallInput &input);
+Json postFmm(const CallInput &input);
 Json getLog(const CallInput &input);
 Json putLog(const CallInput &input);
 Json getMemory(const CallInput &input);

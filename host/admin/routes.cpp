@@ -41,6 +41,8 @@ constexpr std::array kRoutes = {
     Route{"GET", "/v1/config", Lane::read, json<getConfig>},
     Route{"GET", "/v1/commands", Lane::read, json<getCommands>},
     Route{"POST", "/v1/commands", Lane::change, json<postCommand>},
+    Route{"GET", "/v1/fmm", Lane::read, json<getFmm>},
+    Route{"POST", "/v1/fmm", Lane::change, json<postFmm>},
     Route{"GET", "/v1/log", Lane::read, json<getLog>},
     Route{"PUT", "/v1/log", Lane::change, json<putLog>},
     Route{"GET", "/v1/memory", Lane::read, json<getMemory>},

@@ -8,10 +8,12 @@
 #include <nasctrl/config.h>
 #include <nasctrl/control.h>
 #include <nasctrl/dpc.h>
+#include <nasctrl/fmm.h>
 #include <nasctrl/ip_manager.h>
 #include <nasctrl/ipc.h>
 #include <nasctrl/lif_port.h>
 #include <nasctrl/power.h>
+#include <nasctrl/shard_view.h>
 #include <nasctrl/version_ns.h>
 
 #endif
