@@ -20,9 +20,8 @@ inline const fmm_task &taskOf(const lwt_work_t *job)
 inline Texts toldAmong(const Texts &calls)
 {
     Texts told;
-    std::copy_if(calls.begin(), calls.end(), std::back_inserter(told), [](const std::string &call) {
-        return call.starts_with("move") || call.starts_with("notifyCall");
-    });
+    std::copy_if(calls.begin(), calls.end(), std::back_inserter(told),
+                 [](const std::string &call) { return call.starts_with("move") || call.starts_with("notifyCall"); });
     return told;
 }
 
