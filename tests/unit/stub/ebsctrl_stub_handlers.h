@@ -5,6 +5,7 @@
 #include "ebsctrl_stub_fixture.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace shard {
 
@@ -28,6 +29,16 @@ inline Texts toldAmong(const Texts &calls)
 inline void setLocalLs(uint32_t lsId)
 {
     fake::answerAlways("CgwGetInitLocalLsId", lsId);
+}
+
+// The nth submission from now on is refused with code 5; 0 = none is.
+inline void refuseSubmission(uint64_t nth)
+{
+    fake::during("lwt_work_enqueue", [left = std::make_shared<uint64_t>(nth)] {
+        if (*left != 0 && --*left == 0) {
+            fake::answer("lwt_work_enqueue", {5});
+        }
+    });
 }
 
 // A started view of three LSs on a node that is none of them.

@@ -300,26 +300,14 @@ protected:
             fake::failAllocation(faults.allocation);
         } else if (random(4) == 0) {
             faults.submission = 1 + random(submissions);
-            switch (faults.submission) {
-            case 1:
-                fake::answer("lwt_work_enqueue", {5});
-                break;
-            case 2:
-                fake::answer("lwt_work_enqueue", {0, 5});
-                break;
-            case 3:
-                fake::answer("lwt_work_enqueue", {0, 0, 5});
-                break;
-            default:
-                fake::answer("lwt_work_enqueue", {0, 0, 0, 5});
-            }
+            shard::refuseSubmission(faults.submission);
         }
         return faults;
     }
     static void endFaults()
     {
         fake::failAllocation(0);
-        fake::answer("lwt_work_enqueue", {});
+        shard::refuseSubmission(0);
     }
 
     void lookUp(Model &model)
