@@ -6,6 +6,7 @@
  * and written whole by any thread, without a lock.
  */
 #include <atomic>
+#include <bit>
 #include <cstring>
 #include <nasctrl/host/config.h>
 
@@ -67,8 +68,8 @@ shard_node *takeFreeNode()
         return nullptr;
     }
     list_link *link = nas::listTakeFront(head);
-    link->next = reinterpret_cast<void *>(kPoisonNext);
-    link->prev = reinterpret_cast<void *>(kPoisonPrev);
+    link->next = std::bit_cast<void *>(kPoisonNext);
+    link->prev = std::bit_cast<void *>(kPoisonPrev);
     return LIST_RECORD(link, shard_node, free_link);
 }
 

@@ -5,6 +5,7 @@
 #include "ebsctrl_stub_fixture.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace shard {
 
@@ -20,15 +21,24 @@ inline const fmm_task &taskOf(const lwt_work_t *job)
 inline Texts toldAmong(const Texts &calls)
 {
     Texts told;
-    std::copy_if(calls.begin(), calls.end(), std::back_inserter(told), [](const std::string &call) {
-        return call.starts_with("move") || call.starts_with("notifyCall");
-    });
+    std::copy_if(calls.begin(), calls.end(), std::back_inserter(told),
+                 [](const std::string &call) { return call.starts_with("move") || call.starts_with("notifyCall"); });
     return told;
 }
 
 inline void setLocalLs(uint32_t lsId)
 {
     fake::answerAlways("CgwGetInitLocalLsId", lsId);
+}
+
+// The nth submission from now on is refused with code 5; 0 = none is.
+inline void refuseSubmission(uint64_t nth)
+{
+    fake::during("lwt_work_enqueue", [left = std::make_shared<uint64_t>(nth)] {
+        if (*left != 0 && --*left == 0) {
+            fake::answer("lwt_work_enqueue", {5});
+        }
+    });
 }
 
 // A started view of three LSs on a node that is none of them.

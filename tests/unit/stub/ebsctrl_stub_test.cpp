@@ -201,9 +201,8 @@ TEST_F(ShardStart, CutsAPairAtItsFirstColon)
 TEST_F(ShardStart, TakesLsIdsAsDecimalNumbers)
 {
     shard::initView("65536:a,4294967295:b, 7:c,0x1:d,-1:e,ls:f,99999999999999999999:g");
-    EXPECT_THAT(table(),
-                ElementsAre("0 LS 65536 at a", "1 LS 4294967295 at b", "2 LS 7 at c", "3 LS 0 at d",
-                            "4 LS 4294967295 at e", "5 LS 0 at f", "6 LS 4294967295 at g"));
+    EXPECT_THAT(table(), ElementsAre("0 LS 65536 at a", "1 LS 4294967295 at b", "2 LS 7 at c", "3 LS 0 at d",
+                                     "4 LS 4294967295 at e", "5 LS 0 at f", "6 LS 4294967295 at g"));
 }
 
 TEST_F(ShardStart, LeavesTheReservedWordsZero)
@@ -234,9 +233,9 @@ TEST_F(ShardStart, RefusesEveryPairBeyond)
     EXPECT_EQ(shard::initView(pairs(4098)), 0U);
     EXPECT_EQ(g_shardviewTbl.number_of_shards, 4096U);
     EXPECT_EQ(table().back(), "4095 LS 4096 at a4096");
-    EXPECT_THAT(fake::log(), ElementsAre("3 PROTOCOL: Bad format pair:4097:a4097\n",
-                                         "3 PROTOCOL: Bad format pair:4098:a4098\n",
-                                         "6 PROTOCOL: Init forward lwt wq SUCCESS."));
+    EXPECT_THAT(fake::log(),
+                ElementsAre("3 PROTOCOL: Bad format pair:4097:a4097\n", "3 PROTOCOL: Bad format pair:4098:a4098\n",
+                            "6 PROTOCOL: Init forward lwt wq SUCCESS."));
     EXPECT_EQ(shardViewStatus[0].status, 0U);
 }
 
@@ -291,8 +290,7 @@ TEST_F(ShardPair, BeyondTheTableIsRefusedAsItStands)
     EXPECT_EQ(build(4096, "2:b"), 1U);
     EXPECT_EQ(build(kNone, "3:c"), 1U);
     EXPECT_EQ(g_shardviewTbl.number_of_shards, 4096U);
-    EXPECT_THAT(fake::log(),
-                ElementsAre("3 PROTOCOL: Bad format pair:2:b\n", "3 PROTOCOL: Bad format pair:3:c\n"));
+    EXPECT_THAT(fake::log(), ElementsAre("3 PROTOCOL: Bad format pair:2:b\n", "3 PROTOCOL: Bad format pair:3:c\n"));
 }
 
 TEST_F(ShardPair, MayHaveAnAddressOf255Characters)
