@@ -4,6 +4,7 @@
 #ifndef NASCTRL_NASCTRL_H
 #define NASCTRL_NASCTRL_H
 
+#include <nasctrl/cloud.h>
 #include <nasctrl/cluster_list.h>
 #include <nasctrl/config.h>
 #include <nasctrl/control.h>
@@ -13,5 +14,6 @@
 #include <nasctrl/lif_port.h>
 #include <nasctrl/power.h>
 #include <nasctrl/version_ns.h>
+#include <nasctrl/vpc.h>
 
 #endif
