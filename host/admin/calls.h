@@ -41,6 +41,13 @@ Json postLifPort(const CallInput &input);
 Json deleteLifPort(const CallInput &input);
 Json getLifIndex(const CallInput &input);
 Json getLifName(const CallInput &input);
+Json getVpcs(const CallInput &input);
+Json postVpc(const CallInput &input);
+Json deleteVpcs(const CallInput &input);
+Json getVpcOf(const CallInput &input);
+Json postVpcCheck(const CallInput &input);
+Json postVpcSave(const CallInput &input);
+Json postVpcReload(const CallInput &input);
 Json postQuestion(const CallInput &input);
 Json postControlIps(const CallInput &input);
 

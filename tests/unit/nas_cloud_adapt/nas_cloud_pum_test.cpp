@@ -340,7 +340,7 @@ TEST_F(IamClient, NoTokenAndNoExpiryDoNotCount)
     EXPECT_THAT(fake::log(), IsEmpty());
 }
 
-TEST_F(IamClient, TokensAreFreedSecondFirst)
+TEST_F(IamClient, TokensAreGivenBackToThePool)
 {
     void *first = nas_mem_comm_alloc(8, "first", 1);
     void *second = nas_mem_comm_alloc(8, "second", 1);
