@@ -35,7 +35,7 @@ TEST(Node, RunsTheStartStepsInOrderAndRecordsThem)
     }
     const std::vector<std::string> expected = {"DpcInitExternStub",    "extern_stub_init",   "nas_ctrl_init",
                                                "nas_ctrl_handler_reg", "NasCtrlClusterInit", "NasIpMgrInitModule",
-                                               "NasLifMgrModuleStart", "nas_ctrl_power_on"};
+                                               "NasLifMgrModuleStart", "nas_ctrl_power_on",  "NasCloudAdaptInit"};
     size_t next = 0;
     for (const auto &step : library) {
         next += next < expected.size() && step == expected[next] ? 1 : 0;

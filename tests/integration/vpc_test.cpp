@@ -132,7 +132,7 @@ TEST_F(VpcNode, TellsWhatASaveLeftOfALongerFileAndAReloadBringsItBack)
     EXPECT_EQ(node_.ctl({"vpc", "clear"}).out, "2 records removed; the file stays as it is\n");
     ASSERT_EQ(node_.ctl({"vpc", "add", "new", "10.3.0.0/16"}).exitCode, 0);
     EXPECT_EQ(node_.ctl({"vpc", "save"}).out,
-              "1 record saved in " + file_ + "; 25 bytes of an older, longer text stay behind them\n");
+              "1 record saved in " + file_ + "; 24 bytes of an older, longer text stay behind them\n");
     EXPECT_EQ(node_.ctl({"vpc", "reload"}).out, "1 record added from " + file_ + "; 2 in the table\n");
     EXPECT_THAT(records(), testing::ElementsAre("new 10.3.0.0/16", "also-gone 10.2.0.0/16"));
 }
