@@ -39,7 +39,8 @@ protected:
     std::vector<std::string> records() const
     {
         std::vector<std::string> all;
-        for (const auto &record : node_.json({"vpc", "ls"})["records"]) {
+        const nlohmann::json listed = node_.json({"vpc", "ls"});
+        for (const auto &record : listed["records"]) {
             all.push_back(record["id"].get<std::string>() + " " + record["address"].get<std::string>() + "/" +
                           record["length"].dump());
         }
@@ -67,7 +68,8 @@ TEST_F(VpcNode, OffersTheCommandsOfTheCloudModule)
 {
     ASSERT_TRUE(node_.start()) << node_.startOutput();
     std::vector<std::string> names;
-    for (const auto &row : node_.json({"cmd"})["commands"]) {
+    const nlohmann::json listed = node_.json({"cmd"});
+    for (const auto &row : listed["commands"]) {
         names.push_back(row["module"].get<std::string>() + " " + row["command"].get<std::string>());
     }
     EXPECT_THAT(names, IsSupersetOf({"cloud_adapt set_vpc", "cloud_adapt get_vpc", "cloud_adapt clear_vpc",
