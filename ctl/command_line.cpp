@@ -6,8 +6,8 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "parse.h"
-#include "suggest.h"
 #include <CLI/CLI.hpp>
+#include <common/suggest.h>
 #include <memory>
 #include <optional>
 
@@ -23,10 +23,12 @@ struct Arguments {
     // Absent and empty differ: an empty directory is an error of a script, not a wish for the default.
     std::optional<std::string> root, adminSocket, messageSocket, timeout;
     std::optional<std::string> module, opcode, hex, command, value, level, logClass;
-    std::optional<std::string> period, time, address, id, fsId, tenantId, subnet;
+    std::optional<std::string> period, time, address, id, fsId, tenantId, subnet, after, lsId;
     Words words;
     bool json = false;
     bool all = false;
+    bool follow = false;
+    bool shared = false;
 };
 
 class Grammar {
@@ -47,6 +49,8 @@ private:
     void defineLifPorts();
     void defineVpcs();
     void defineQuestions();
+    void defineEvents();
+    void defineLocks();
     void defineZone(CLI::App *hdfs, const std::string &name, const std::string &text);
 
     CLI::App *recognised() const;
@@ -98,6 +102,8 @@ Grammar::Grammar()
     defineLifPorts();
     defineVpcs();
     defineQuestions();
+    defineEvents();
+    defineLocks();
     app_.footer("Global options may also follow the command; nasctl COMMAND --help tells more of each.\n"
                 "Exit codes: 0 done, 1 failed, 2 the command line is wrong.");
 }
@@ -313,6 +319,32 @@ void Grammar::defineStorage()
                  "An answer as it should be, late, none, cut, or an error", args_.words, true);
 }
 
+void Grammar::defineEvents()
+{
+    CLI::App *events = leaf(&app_, "events", "What the modules were told and what the node saw, one line each",
+                            [this](const Session &session) { return showEvents(session, args_.after, args_.follow); });
+    addText(events, "--after", args_.after, "Only what came after the event of this number [all that is kept]", "N");
+    events->add_flag("--follow", args_.follow, "Go on with what happens until Ctrl-C")->disable_flag_override();
+}
+
+void Grammar::defineLocks()
+{
+    CLI::App *locks = family("locks", "The clients' file locks: ls, take, release");
+    leaf(locks, "ls", "List the locks", listLocks);
+    CLI::App *take = leaf(locks, "take", "Take a lock for a client: FILE START LEN", [this](const Session &session) {
+        return takeLock(session, *args_.lsId, args_.words, args_.shared);
+    });
+    take->add_flag("--shared", args_.shared, "Others may share it; without it nobody may")->disable_flag_override();
+    collectWords(take, "RANGE", "The file, the first byte, and the length, 0 for up to the end", args_.words, true);
+    CLI::App *release =
+        leaf(locks, "release", "Release a client's locks on FILE START LEN, or all of them",
+             [this](const Session &session) { return releaseLocks(session, *args_.lsId, args_.words); });
+    collectWords(release, "RANGE", "The file, the first byte, and the length, 0 for up to the end", args_.words, false);
+    for (CLI::App *command : {take, release}) {
+        addText(command, "--ls", args_.lsId, "LS id of the client", "ID")->required();
+    }
+}
+
 CLI::App *Grammar::recognised() const
 {
     const CLI::App *command = &app_;
@@ -393,13 +425,13 @@ void Grammar::checkWords() const
     }
     const std::string word = unknown.front().substr(0, unknown.front().find('='));
     if (word.size() > 1 && word.front() == '-') {
-        const std::string meant = suggestion(word, optionNames(command));
+        const std::string meant = common::suggestion(word, optionNames(command));
         throw UsageFailure(word + ": no such option" + (meant.empty() ? "; " + helpHint() : meant));
     }
     if (commands.empty()) {
         throw UsageFailure(nameable(unknown.front()) + ": one argument too many; " + helpHint());
     }
-    const std::string meant = suggestion(word, commands);
+    const std::string meant = common::suggestion(word, commands);
     throw UsageFailure(nameable(word) + ": no such command" +
                        (meant.empty() ? "; there are " + joined(commands) : meant));
 }

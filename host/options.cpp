@@ -8,10 +8,10 @@
 #include <arpa/inet.h>
 #include <charconv>
 #include <climits>
+#include <common/suggest.h>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <numeric>
 #include <set>
 #include <span>
 
@@ -164,8 +164,8 @@ constexpr OptionRow kRows[] = {
      [](NodeOptions &o, const std::string &text) {
          o.messages.storageTimeout = std::chrono::milliseconds(count(text, kMaxStorageTimeoutMs));
      }},
-    {"message-threads", "N", "Threads that run message handlers [2]",
-     [](NodeOptions &o, const std::string &text) { o.messages.threads = count(text, kMaxThreads); }},
+    {"message-clients", "N", "Clients of the message service at once [1024]",
+     [](NodeOptions &o, const std::string &text) { o.messages.clients = count(text, kMaxMessageClients); }},
     {"log-file", "PATH", "Append the log to this file",
      [](NodeOptions &o, const std::string &text) { o.log.file = path(text); }},
     {"log-level", "LEVEL", "Drop lines above this level, 3 error, 4 progress, 6 information [6]",
@@ -185,7 +185,6 @@ constexpr OptionRow kRows[] = {
      [](NodeOptions &o, const std::string &text) { o.readyFd = static_cast<int>(wholeNumber(text, 0, INT_MAX)); }},
 };
 
-constexpr const char *kConfig = "config";
 constexpr const char *kNoConsole = "no-console";
 
 const OptionRow *findRow(const std::string &name)
@@ -194,48 +193,13 @@ const OptionRow *findRow(const std::string &name)
     return row == std::end(kRows) ? nullptr : row;
 }
 
-// Levenshtein distance, one row at a time.
-size_t editDistance(const std::string &left, const std::string &right)
+std::string suggestion(const std::string &name)
 {
-    std::vector<size_t> row(right.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < left.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i + 1;
-        for (size_t j = 0; j < right.size(); ++j) {
-            const size_t changed = diagonal + (left[i] == right[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
-        }
-    }
-    return row.back();
-}
-
-// ", did you mean X?" for a name that is at most three letters away from one there is.
-std::string suggestion(const std::string &name, const std::string &prefix)
-{
-    std::vector<std::string> known = {kConfig, kNoConsole, "help", "version"};
+    std::vector<std::string> known = {kNoConsole};
     for (const OptionRow &row : kRows) {
         known.emplace_back(row.name);
     }
-    const auto nearest = std::ranges::min_element(
-        known, {}, [&](const std::string &candidate) { return editDistance(name, candidate); });
-    constexpr size_t kNear = 3;
-    return editDistance(name, *nearest) > kNear ? "" : ", did you mean " + prefix + *nearest + "?";
-}
-
-void rejectExtras(const std::vector<std::string> &extras)
-{
-    for (const std::string &extra : extras) {
-        if (extra.starts_with("-")) {
-            const std::string flag = extra.substr(0, extra.find('='));
-            const std::string name = flag.substr(std::min(flag.find_first_not_of('-'), flag.size()));
-            throw UsageError("unknown option " + flag + suggestion(name, "--"));
-        }
-    }
-    if (!extras.empty()) {
-        throw UsageError(extras.front() + " is not an option");
-    }
+    return common::suggestion(name, known);
 }
 
 // The number of the line that gives the option, or this value of it, in the option file.
@@ -288,7 +252,7 @@ void applyItem(NodeOptions &options, const CLI::ConfigItem &item, const std::str
 {
     const OptionRow *row = findRow(item.name);
     if (row == nullptr || !item.parents.empty()) {
-        throw UsageError(lineOf(file, item.name, "") + "unknown option " + item.fullname() + suggestion(item.name, ""));
+        throw UsageError(lineOf(file, item.name, "") + item.fullname() + ": no such option" + suggestion(item.name));
     }
     // CLI11 cuts a text at blanks and commas of an array; an option that is not repeatable takes it as one text again.
     applyAll(options, *row, row->repeatable ? item.inputs : std::vector<std::string>{joined(item.inputs)}, file);
@@ -360,22 +324,6 @@ void describe(CLI::App &app, Given &given, const std::string &version)
     app.add_flag("--no-console", given.noConsole, "Do not write the log to standard error");
 }
 
-// False when help or version was asked for and written.
-bool cutCommandLine(CLI::App &app, std::vector<std::string> arguments, std::ostream &out)
-{
-    std::ranges::reverse(arguments); // CLI11 takes a vector last argument first
-    try {
-        app.parse(arguments);
-    } catch (const CLI::Success &asked) {
-        app.exit(asked, out, out);
-        return false;
-    } catch (const CLI::ParseError &error) {
-        throw UsageError(error.what());
-    }
-    rejectExtras(app.remaining());
-    return true;
-}
-
 } // namespace
 
 std::optional<NodeOptions> parseOptions(const std::vector<std::string> &arguments, const std::string &version,
@@ -384,7 +332,7 @@ std::optional<NodeOptions> parseOptions(const std::vector<std::string> &argument
     CLI::App app("The control plane of a NAS node");
     Given given;
     describe(app, given, version);
-    if (!cutCommandLine(app, arguments, out)) {
+    if (!common::cutCommandLine(app, arguments, out)) {
         return std::nullopt;
     }
     NodeOptions options;

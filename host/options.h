@@ -9,9 +9,9 @@
 #include "modules/modules.h"
 #include "platform/log.h"
 
+#include <common/command_line.h>
 #include <iosfwd>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -33,10 +33,7 @@ struct NodeOptions {
     std::optional<int> readyFd;     // told, and closed, when the node is ready
 };
 
-// A wrong command line or option file; what() is one line without the program's name.
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
+using common::UsageError;
 
 // Reads the command line (without the program's name) and the option file it names; what is on the command line wins.
 // Nothing when help or version was asked for and written to out. Throws UsageError.

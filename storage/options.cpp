@@ -1,10 +1,8 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <charconv>
 #include <climits>
-#include <suggest.h>
 
 namespace storage {
 
@@ -72,37 +70,6 @@ void describe(CLI::App &app, Given &given, const std::string &version)
     app.add_flag("--no-console", given.noConsole, "Do not write the log to standard error");
 }
 
-void rejectExtra(const std::string &extra)
-{
-    const std::string word = extra.substr(0, extra.find('='));
-    if (!word.starts_with("-")) {
-        throw UsageError(word + " is not an option");
-    }
-    std::vector<std::string> known = {"--no-console", "--help", "--version"};
-    for (const Row &row : kRows) {
-        known.emplace_back(row.name);
-    }
-    throw UsageError(word + ": no such option" + ctl::suggestion(word, known));
-}
-
-// False when help or version was asked for and written.
-bool cutCommandLine(CLI::App &app, std::vector<std::string> arguments, std::ostream &out)
-{
-    std::ranges::reverse(arguments); // CLI11 takes a vector last argument first
-    try {
-        app.parse(arguments);
-    } catch (const CLI::Success &asked) {
-        app.exit(asked, out, out);
-        return false;
-    } catch (const CLI::ParseError &error) {
-        throw UsageError(error.what());
-    }
-    for (const std::string &extra : app.remaining()) {
-        rejectExtra(extra);
-    }
-    return true;
-}
-
 } // namespace
 
 std::optional<Options> parseOptions(std::vector<std::string> arguments, const std::string &version, std::ostream &out)
@@ -110,7 +77,7 @@ std::optional<Options> parseOptions(std::vector<std::string> arguments, const st
     CLI::App app("The storage-side service of a NAS node");
     Given given;
     describe(app, given, version);
-    if (!cutCommandLine(app, std::move(arguments), out)) {
+    if (!common::cutCommandLine(app, std::move(arguments), out)) {
         return std::nullopt;
     }
     Options options;

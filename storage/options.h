@@ -5,10 +5,10 @@
 
 #include "service.h"
 
+#include <common/command_line.h>
 #include <iosfwd>
 #include <optional>
 #include <platform/log.h>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -20,10 +20,7 @@ struct Options {
     std::optional<int> readyFd; // told, and closed, when the service listens
 };
 
-// A wrong command line; what() is one line without the program's name.
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
+using common::UsageError;
 
 // Reads the command line without the program's name. Nothing when help or version was asked for and written to out.
 // Throws UsageError.

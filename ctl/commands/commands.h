@@ -52,6 +52,15 @@ int askAboutZone(const Session &session, const std::string &question, const Zone
 int askAboutNeighbours(const Session &session, const std::string &lsId);
 int showControlIps(const Session &session, const Words &addresses);
 
+// The events after a number; all that the node keeps when it is not given. Followed until Ctrl-C ends the program.
+int showEvents(const Session &session, const std::optional<std::string> &after, bool follow);
+
+int listLocks(const Session &session);
+// range: FILE, START, LEN.
+int takeLock(const Session &session, const std::string &lsId, const Words &range, bool shared);
+// Everything that the LS holds when there is no range.
+int releaseLocks(const Session &session, const std::string &lsId, const Words &range);
+
 int showPower(const Session &session);
 int switchPower(const Session &session, const std::string &action);
 

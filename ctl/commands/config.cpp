@@ -4,9 +4,9 @@
 #include "admin_client.h"
 #include "commands/commands.h"
 #include "failure.h"
-#include "suggest.h"
 #include "view.h"
 #include <algorithm>
+#include <common/suggest.h>
 #include <nlohmann/json.hpp>
 
 namespace ctl {
@@ -38,7 +38,7 @@ static const json &getterNamed(const json &getters, const std::string &name)
     for (const json &getter : getters) {
         names.push_back(getter.at("name").get<std::string>());
     }
-    const std::string meant = suggestion(name, names);
+    const std::string meant = common::suggestion(name, names);
     throw UsageFailure(name + ": no such getter" + (meant.empty() ? "; nasctl config lists them" : meant));
 }
 

@@ -5,9 +5,9 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "parse.h"
-#include "suggest.h"
 #include "view.h"
 #include <algorithm>
+#include <common/suggest.h>
 #include <nlohmann/json.hpp>
 
 namespace ctl {
@@ -73,7 +73,7 @@ static const FaultRow &faultOf(const std::string &word)
         for (const FaultRow &each : kFaults) {
             names.emplace_back(each.name);
         }
-        const std::string meant = suggestion(word, names);
+        const std::string meant = common::suggestion(word, names);
         throw UsageFailure(nameable(word) + ": no such fault" +
                            (meant.empty() ? "; there are none, slow, timeout, short, fail" : meant));
     }

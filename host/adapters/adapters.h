@@ -25,23 +25,10 @@ struct AdapterSettings {
 void configureAdapters(const AdapterSettings &settings);
 const AdapterSettings &adapterSettings();
 
-// Counters, from any thread: notices about a tenant's LIFs, and clients whose file locks were to be released.
+// Notices about a tenant's LIFs; from any thread.
 uint64_t tenantNotices(uint32_t tenantId);
-uint64_t clientFaults();
 
 // The ids of the LIF ports whose performance path is on, in ascending order. From any thread.
 std::vector<uint64_t> perfPorts();
-
-// A LIF port as the library's table knows it.
-struct LifPort {
-    uint64_t id;
-    uint64_t time;
-    uint32_t index;
-    std::string name;
-    std::string ip;
-};
-
-// By index. From any thread but one that holds a lock of the table; empty before the table is built.
-std::vector<LifPort> lifPorts();
 
 } // namespace host

@@ -23,7 +23,6 @@ constexpr uint32_t kTenants = 1025;
 
 AdapterSettings s_settings;
 std::array<std::atomic<uint64_t>, kTenants> s_tenantNotices;
-std::atomic<uint64_t> s_clientFaults;
 
 std::string machineName()
 {
@@ -50,11 +49,6 @@ const AdapterSettings &adapterSettings()
 uint64_t tenantNotices(uint32_t tenantId)
 {
     return tenantId < kTenants ? s_tenantNotices[tenantId].load() : 0;
-}
-
-uint64_t clientFaults()
-{
-    return s_clientFaults.load();
 }
 
 } // namespace host
@@ -158,14 +152,6 @@ int32_t CTRL_GetEdsLsidByCtrlIp(const char *ip, uint32_t *ls_id)
     }
     *ls_id = owner->second;
     return 0;
-}
-
-// The reference host grants no file locks, so there is none to release; it counts the clients that were lost.
-uint32_t NlmE_NodeFaultEvent(uint32_t ls_id)
-{
-    host::s_clientFaults.fetch_add(1);
-    HOST_LOG(NASCTRL_LOG_PROGRESS, "adapters: client of LS %u lost, it held no file locks", ls_id);
-    return NAS_OK;
 }
 
 int32_t NasAuthAgentNsNotifyLifChange(uint32_t count, const tenant_change table[1025])

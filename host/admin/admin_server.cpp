@@ -2,6 +2,7 @@
 
 #include "admin/routes.h"
 #include "admin/server.h"
+#include "notify/events.h"
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -25,6 +26,8 @@ void startAdminServer(const std::string &socketPath)
     settings.socketPath = socketPath;
     settings.lane = admin::laneOf;
     settings.answer = admin::answerRequest;
+    settings.endFollowing = [] { allowEventWaits(false); };
+    allowEventWaits(true);
     try {
         s_server = std::make_unique<admin::Server>(settings);
     } catch (const std::exception &error) {

@@ -26,6 +26,8 @@ struct Answer {
 enum class Lane : uint8_t {
     read,     // at once: it never waits
     question, // waits for an answer from outside the node; a few run at once
+    follow,   // waits for something to happen; some more run at once, and beyond these it is refused
+    service,  // a word with the storage-side service itself, short and whatever the questions wait for; one at a time
     change,   // changes something; one at a time, in the order of arrival
 };
 
@@ -34,6 +36,7 @@ constexpr unsigned kBadRequest = 400;
 constexpr unsigned kForbidden = 403;
 constexpr unsigned kNotFound = 404;
 constexpr unsigned kMethodNotAllowed = 405;
+constexpr unsigned kConflict = 409;
 constexpr unsigned kInternalError = 500;
 constexpr unsigned kBusy = 503;
 

@@ -16,6 +16,7 @@ using Json = nlohmann::ordered_json;
 struct CallInput {
     std::string argument; // what the path holds in place of the route's '*'
     std::string body;
+    std::string query = {}; // what follows the path's '?', for the calls that take one
 };
 
 Json getStatus(const CallInput &input);
@@ -50,6 +51,10 @@ Json postVpcSave(const CallInput &input);
 Json postVpcReload(const CallInput &input);
 Json postQuestion(const CallInput &input);
 Json postControlIps(const CallInput &input);
+Json getEvents(const CallInput &input);
+Json getFileLocks(const CallInput &input);
+Json postFileLock(const CallInput &input);
+Json deleteFileLock(const CallInput &input);
 
 // What the node counts, as Prometheus text.
 std::string metricsText();

@@ -24,11 +24,6 @@ std::string shown(std::string name)
     return name;
 }
 
-[[noreturn]] void refuse(const std::string &name, const std::string &why)
-{
-    throw CallError(kBadRequest, shown(name) + ": " + why);
-}
-
 const Json &field(const Json &fields, const std::string &name)
 {
     const auto found = fields.find(name);
@@ -60,6 +55,19 @@ Json parseObject(const std::string &body)
 }
 
 } // namespace
+
+std::optional<uint64_t> bigNumber(const std::string &text)
+{
+    uint64_t number = 0;
+    const char *end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
+}
+
+void refuse(const std::string &name, const std::string &why)
+{
+    throw CallError(kBadRequest, shown(name) + ": " + why);
+}
 
 Json parseFields(const std::string &body, std::initializer_list<std::string_view> allowed)
 {
@@ -111,6 +119,27 @@ std::optional<uint32_t> optionalNumberField(const Json &fields, const std::strin
     return fields.contains(name) ? std::optional(numberField(fields, name, max)) : std::nullopt;
 }
 
+uint64_t bigNumberField(const Json &fields, const std::string &name)
+{
+    const auto number = bigNumber(textField(fields, name));
+    if (!number) {
+        refuse(name, "must be a decimal number of at most 64 bits, as a text");
+    }
+    return *number;
+}
+
+bool flagField(const Json &fields, const std::string &name)
+{
+    if (!fields.contains(name)) {
+        return false;
+    }
+    const Json &value = field(fields, name);
+    if (!value.is_boolean()) {
+        refuse(name, "must be true or false");
+    }
+    return value.get<bool>();
+}
+
 std::vector<std::string> textsField(const Json &fields, const std::string &name, size_t max)
 {
     std::vector<std::string> texts;
@@ -137,13 +166,11 @@ void checkAddress(const std::string &name, const std::string &text)
 
 uint64_t parseId(const std::string &text)
 {
-    uint64_t id = 0;
-    const char *end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, id);
-    if (error != std::errc() || stop != end) {
+    const auto id = bigNumber(text);
+    if (!id) {
         refuse("id", "must be a decimal number of at most 64 bits");
     }
-    return id;
+    return *id;
 }
 
 } // namespace host::admin

@@ -14,6 +14,12 @@
 
 namespace host::admin {
 
+// Decimal digits that fit 64 bits; nothing for any other text.
+std::optional<uint64_t> bigNumber(const std::string &text);
+
+// Throws CallError 400 that says what is wrong with the field of that name.
+[[noreturn]] void refuse(const std::string &name, const std::string &why);
+
 // The body as an object that holds no field but the allowed ones, each at most once.
 nlohmann::ordered_json parseFields(const std::string &body, std::initializer_list<std::string_view> allowed);
 
@@ -24,6 +30,10 @@ std::optional<std::string> optionalTextField(const nlohmann::ordered_json &field
 uint32_t numberField(const nlohmann::ordered_json &fields, const std::string &name, uint32_t max);
 std::optional<uint32_t> optionalNumberField(const nlohmann::ordered_json &fields, const std::string &name,
                                             uint32_t max);
+// Decimal digits that fit 64 bits, as a text.
+uint64_t bigNumberField(const nlohmann::ordered_json &fields, const std::string &name);
+// False when the field is left out.
+bool flagField(const nlohmann::ordered_json &fields, const std::string &name);
 // An array of texts, as textField takes them, at most max; empty when the field is left out.
 std::vector<std::string> textsField(const nlohmann::ordered_json &fields, const std::string &name, size_t max);
 // The text as an IPv4 or IPv6 address.

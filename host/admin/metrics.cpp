@@ -2,14 +2,17 @@
  * What the node counts, in the text format of Prometheus. Everything is read when it is asked for: whoever counts adds
  * to a word of his own and knows nothing of metrics. Labels take a bounded set of values, known at start.
  */
+#include "adapters/adapters.h"
+#include "adapters/lif_table.h"
 #include "admin/addresses.h"
 #include "admin/calls.h"
-#include "admin/lif_table.h"
 #include "admin/monitor_view.h"
 #include "message/message_service.h"
 #include "message/storage_statistics.h"
 #include "modules/modules.h"
+#include "nlm/file_locks.h"
 #include "node.h"
+#include "notify/notify.h"
 #include "notify/statistics.h"
 #include "platform/log.h"
 #include "platform/memory.h"
@@ -244,6 +247,29 @@ void addMessages(Sheet &sheet)
     sheet.counter("messages_undelivered_total", "Messages for a module that there is not.", counters.undelivered);
 }
 
+void addEvents(Sheet &sheet)
+{
+    sheet.family("events_total", "Events of the node's stream by module and kind.", MetricType::Counter);
+    for (const EventCount &row : eventCounts()) {
+        sheet.sample(static_cast<double>(row.count), {{"module", row.module}, {"event", row.name}});
+    }
+}
+
+void addNotifications(Sheet &sheet)
+{
+    sheet.counter("notifications_refused_total",
+                  "Notifications whose module or event is not known, or lost for want of memory.",
+                  refusedNotifications());
+}
+
+void addFileLocks(Sheet &sheet)
+{
+    sheet.gauge("file_locks", "Byte ranges that clients have locked.", static_cast<double>(fileLockCount()));
+    sheet.counter("file_locks_released_by_faults_total", "Byte ranges released because their client was lost.",
+                  locksReleasedByFaults());
+    sheet.counter("clients_lost_total", "Clients whose file locks were released.", lostClients());
+}
+
 } // namespace
 
 std::string metricsText()
@@ -259,6 +285,9 @@ std::string metricsText()
     addLog(sheet);
     addPool(sheet);
     addMessages(sheet);
+    addEvents(sheet);
+    addNotifications(sheet);
+    addFileLocks(sheet);
     return prometheus::TextSerializer().Serialize(sheet.families());
 }
 

@@ -1,6 +1,7 @@
 #include "admin/routes.h"
 
 #include "admin/calls.h"
+#include <algorithm>
 #include <array>
 #include <exception>
 #include <nlohmann/json.hpp>
@@ -13,7 +14,7 @@ namespace {
 struct Route {
     std::string_view method;
     std::string_view path; // a '*' at the end stands for one path part, the call's argument
-    Lane lane;
+    Lane lane;             // a call that follows takes a query, and no other does
     Answer (*call)(const CallInput &);
 };
 
@@ -61,8 +62,12 @@ constexpr std::array kRoutes = {
     Route{"POST", "/v1/vpc/reload", Lane::change, json<postVpcReload>},
     Route{"POST", "/v1/ask/*", Lane::question, json<postQuestion>},
     Route{"POST", "/v1/ctrl-ips", Lane::question, json<postControlIps>},
-    Route{"GET", "/v1/storage/faults", Lane::question, json<getStorageFaults>},
-    Route{"POST", "/v1/storage/faults", Lane::question, json<postStorageFault>},
+    Route{"GET", "/v1/storage/faults", Lane::service, json<getStorageFaults>},
+    Route{"POST", "/v1/storage/faults", Lane::service, json<postStorageFault>},
+    Route{"GET", "/v1/events", Lane::follow, json<getEvents>},
+    Route{"GET", "/v1/locks", Lane::read, json<getFileLocks>},
+    Route{"POST", "/v1/locks", Lane::change, json<postFileLock>},
+    Route{"DELETE", "/v1/locks", Lane::change, json<deleteFileLock>},
 };
 
 bool pathMatches(const Route &route, std::string_view path)
@@ -75,6 +80,23 @@ bool pathMatches(const Route &route, std::string_view path)
            path.find('/', prefix.size()) == std::string_view::npos;
 }
 
+struct Target {
+    std::string path;
+    std::string query;
+};
+
+// A call that takes no query has the whole target for its path.
+Target targetFor(const Route &route, const std::string &target)
+{
+    const size_t end = route.lane == Lane::follow ? std::min(target.find('?'), target.size()) : target.size();
+    return {target.substr(0, end), target.substr(std::min(end + 1, target.size()))};
+}
+
+bool matches(const Route &route, const Request &request)
+{
+    return pathMatches(route, targetFor(route, request.target).path);
+}
+
 std::string argumentOf(const Route &route, const std::string &path)
 {
     return route.path.ends_with('*') ? path.substr(route.path.size() - 1) : std::string();
@@ -83,7 +105,7 @@ std::string argumentOf(const Route &route, const std::string &path)
 const Route *findRoute(const Request &request)
 {
     for (const Route &route : kRoutes) {
-        if (route.method == request.method && pathMatches(route, request.target)) {
+        if (route.method == request.method && matches(route, request)) {
             return &route;
         }
     }
@@ -94,12 +116,12 @@ Answer noRoute(const Request &request)
 {
     std::string allowed;
     for (const Route &route : kRoutes) {
-        if (pathMatches(route, request.target)) {
+        if (matches(route, request)) {
             allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
         }
     }
     if (allowed.empty()) {
-        return errorAnswer(kNotFound, "there is no such call");
+        return errorAnswer(kNotFound, "there is no such call in this version");
     }
     Answer answer = errorAnswer(kMethodNotAllowed, "this path answers to " + allowed + " only");
     answer.allow = allowed;
@@ -111,7 +133,12 @@ Answer noRoute(const Request &request)
 Lane laneOf(const Request &request)
 {
     const Route *route = findRoute(request);
-    return route != nullptr ? route->lane : Lane::read;
+    if (route == nullptr) {
+        return Lane::read;
+    }
+    // One that follows without a wait is answered at once.
+    const bool waits = targetFor(*route, request.target).query.find("wait=") != std::string::npos;
+    return route->lane == Lane::follow && !waits ? Lane::read : route->lane;
 }
 
 Answer answerRequest(const Request &request)
@@ -121,7 +148,8 @@ Answer answerRequest(const Request &request)
         return noRoute(request);
     }
     try {
-        return route->call({argumentOf(*route, request.target), request.body});
+        const Target target = targetFor(*route, request.target);
+        return route->call({argumentOf(*route, target.path), request.body, target.query});
     } catch (const CallError &error) {
         return errorAnswer(error.status(), error.what());
     } catch (const std::exception &error) {

@@ -1,5 +1,5 @@
 /*
- * Everything here but the answering of changes and questions runs on the input and output thread, so no lock is needed:
+ * Everything here but the answering of calls that may wait runs on the input and output thread, so no lock is needed:
  * the set of sessions and each session belong to that thread.
  */
 #include "admin/server.h"
@@ -46,8 +46,17 @@ struct Host {
     asio::io_context io{1};
     asio::thread_pool changes{1};
     asio::thread_pool questions{kMaxQuestions};
+    asio::thread_pool followers{kMaxFollowers};
+    size_t following = 0; // calls on the thread pool before; on the thread of io
+    asio::thread_pool service{1};
     std::atomic<bool> ending{false};
     std::function<void(const std::shared_ptr<Session> &)> ended; // on the thread of io
+
+    // Of a lane that may wait.
+    asio::thread_pool &threadsOf(Lane lane)
+    {
+        return lane == Lane::change ? changes : lane == Lane::service ? service : questions;
+    }
 };
 
 std::string whyMalformed(const ErrorCode &error)
@@ -122,9 +131,22 @@ private:
         const Lane lane = host_.settings.lane(request);
         if (lane == Lane::read) {
             send(host_.settings.answer(request));
+        } else if (lane == Lane::follow) {
+            follow(std::move(request));
         } else {
-            answerOn(lane == Lane::change ? host_.changes : host_.questions, std::move(request));
+            answerOn(host_.threadsOf(lane), std::move(request));
         }
+    }
+
+    void follow(Request request)
+    {
+        if (host_.following == kMaxFollowers) {
+            send(errorAnswer(kBusy, std::to_string(kMaxFollowers) + " calls wait for events already"));
+            return;
+        }
+        ++host_.following;
+        follows_ = true;
+        answerOn(host_.followers, std::move(request));
     }
 
     void answerOn(asio::thread_pool &threads, Request request)
@@ -143,6 +165,8 @@ private:
     // Nothing is answered for a call that the end of the server left undone.
     void onAnswered(const std::optional<Answer> &answer)
     {
+        host_.following -= follows_ ? 1 : 0;
+        follows_ = false;
         if (answer) {
             send(*answer);
         } else {
@@ -208,6 +232,7 @@ private:
     const bool allowed_;
     bool answering_ = false; // between a request and the end of its answer
     bool keepAlive_ = false;
+    bool follows_ = false; // counted in host_.following
     beast::flat_buffer buffer_;
     std::optional<http::request_parser<http::string_body>> parser_;
     http::response<http::string_body> response_;
@@ -232,8 +257,11 @@ public:
     {
         host_.ending = true;
         asio::post(host_.io, [this] { beginEnd(); });
+        host_.settings.endFollowing();
         host_.changes.join();
         host_.questions.join();
+        host_.followers.join();
+        host_.service.join();
         asio::post(host_.io, [this] { limitEnd(); });
         working_.reset();
         thread_.join();

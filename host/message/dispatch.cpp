@@ -2,8 +2,8 @@
  * Owns the table of modules and the calls that are under way.
  *
  * The table only grows: registeredModules tells how many entries are readable without a lock, registerLock is held
- * while one is added. Each thread of the service has one call record, guarded by its own lock because a handler may
- * let another thread send its reply. No lock is taken while another is held, and none while a handler runs.
+ * while one is added. Each connected client has one call record, guarded by its own lock because a handler may let
+ * another thread send its reply. No lock is taken while another is held, and none while a handler runs.
  */
 #include "message/dispatch.h"
 
@@ -43,9 +43,8 @@ struct Call {
     std::vector<std::byte> reply;
 };
 
-std::array<Call, kMaxMessageThreads> calls;
+std::array<Call, kMaxMessageClients> calls;
 std::atomic<uint64_t> lastSerial;
-thread_local unsigned threadIndex;
 
 const Module *findModule(uint32_t id)
 {
@@ -73,22 +72,22 @@ const char *refusal(uint32_t id, Handler handler)
     return registeredModules.load() == kMaxModules ? "the table is full" : nullptr;
 }
 
-// The host's words of a record: which call of which thread it belongs to.
+// The host's words of a record: which call of which client it belongs to.
 struct CallTag {
-    uint32_t thread;
+    uint32_t slot;
     uint32_t serialLow;
     uint32_t serialHigh;
 };
 static_assert(sizeof(CallTag) == sizeof(svr_msg_t::reserved));
 
-void beginCall(Call &call, int client, svr_msg_t &record)
+void beginCall(Call &call, const Sender &sender, svr_msg_t &record)
 {
     const uint64_t serial = ++lastSerial;
-    const CallTag tag{threadIndex, static_cast<uint32_t>(serial), static_cast<uint32_t>(serial >> 32)};
+    const CallTag tag{sender.slot, static_cast<uint32_t>(serial), static_cast<uint32_t>(serial >> 32)};
     memcpy(record.reserved, &tag, sizeof tag);
     const std::scoped_lock hold(call.lock);
     call.serial = serial;
-    call.client = client;
+    call.client = sender.socket;
     call.replied = false;
 }
 
@@ -128,20 +127,15 @@ const char *sendReply(const svr_msg_t &record, const void *reply, uint32_t lengt
     CallTag tag{};
     memcpy(&tag, record.reserved, sizeof tag);
     const uint64_t serial = (static_cast<uint64_t>(tag.serialHigh) << 32) | tag.serialLow;
-    if (tag.thread >= calls.size() || serial == 0) {
+    if (tag.slot >= calls.size() || serial == 0) {
         return "it is no message of this service";
     }
-    return keepReply(calls[tag.thread], serial, reply, length);
+    return keepReply(calls[tag.slot], serial, reply, length);
 }
 
 } // namespace
 
-void becomeMessageThread(unsigned index)
-{
-    threadIndex = index;
-}
-
-Answer dispatch(const FrameHeader &request, std::span<std::byte> payload, int client)
+Answer dispatch(const FrameHeader &request, std::span<std::byte> payload, const Sender &sender)
 {
     const Module *module = findModule(request.module);
     if (module == nullptr) {
@@ -150,11 +144,11 @@ Answer dispatch(const FrameHeader &request, std::span<std::byte> payload, int cl
         return {kNoReply, -ENOENT, {}};
     }
     ++counters.messages;
-    Call &call = calls[threadIndex];
+    Call &call = calls[sender.slot];
     svr_msg_t record{
         payload.data(),   static_cast<uint32_t>(payload.size()), request.module, request.opcode, {}, request.sequence,
         request.direction};
-    beginCall(call, client, record);
+    beginCall(call, sender, record);
     const auto result = static_cast<int32_t>(module->handler(&record));
     // From here on no reply is taken, so what there is may be read without the lock.
     const std::scoped_lock hold(call.lock);

@@ -46,7 +46,7 @@ void startMessageService(const MessageSettings &settings)
     raiseDescriptorLimit();
     clearCounters();
     try {
-        server = std::make_unique<Server>(settings.socketPath, std::clamp(settings.threads, 1U, kMaxMessageThreads));
+        server = std::make_unique<Server>(settings.socketPath, std::clamp(settings.clients, 1U, kMaxMessageClients));
     } catch (const std::exception &error) {
         throw std::runtime_error(std::string("message service: ") + error.what());
     }

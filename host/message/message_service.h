@@ -11,12 +11,14 @@
 
 namespace host {
 
+constexpr unsigned kMaxMessageClients = 1024;
+
 struct MessageSettings {
     std::string socketPath;        // where clients connect; created with mode 0600, replaced when stale
     std::string storageSocketPath; // where the storage-side service listens; empty = there is none
     std::chrono::milliseconds storageTimeout{3000};
     uint32_t nodeId = 1;
-    unsigned threads = 2;
+    unsigned clients = kMaxMessageClients; // connected at once, at most
 };
 
 struct MessageCounters {

@@ -275,8 +275,8 @@ struct ResultRow {
 
 constexpr std::array kResults = {
     ResultRow{-ETIMEDOUT, StorageResult::timedOut}, ResultRow{-ECONNREFUSED, StorageResult::unreachable},
-    ResultRow{-ENOENT, StorageResult::unreachable}, ResultRow{-EPIPE, StorageResult::closed},
-    ResultRow{-ECONNRESET, StorageResult::closed},  ResultRow{-EPROTO, StorageResult::malformed},
+    ResultRow{-EPIPE, StorageResult::closed},       ResultRow{-ECONNRESET, StorageResult::closed},
+    ResultRow{-EPROTO, StorageResult::malformed},
 };
 
 StorageResult resultOf(int32_t code, const void *response, uint32_t length)

@@ -2,8 +2,7 @@
  * The commands about the monitor, one address, LIF ports and the storage-side service: what each asks the node, and
  * what people and programs get to see.
  */
-#include "named_row.h"
-#include "scripted_node.h"
+#include "answered_command.h"
 
 namespace {
 
@@ -64,42 +63,7 @@ constexpr char kConfiguration[] =
     R"({"question": "conf", "code": 0, "reason": null, "answer": {"result": 0, "fs_id": 7, "dtree_path": "/a",)"
     R"( "subnet": "", "tenant_id": null, "rest": {"hex": "6101", "text": "a."}}})";
 
-struct Row : NamedRow {
-    std::vector<std::string> words;
-    std::string request; // method and path
-    std::string body;
-    std::string answer;
-    std::string table;
-};
-
-class NodeQuestion : public NasctlTest, public testing::WithParamInterface<Row> {
-protected:
-    void expectRequest()
-    {
-        const auto asked = node_.requests();
-        ASSERT_EQ(asked.size(), 1U);
-        EXPECT_EQ(asked[0].line, GetParam().request + " HTTP/1.1");
-        EXPECT_EQ(asked[0].body, GetParam().body);
-    }
-};
-
-TEST_P(NodeQuestion, PrintsATableForPeople)
-{
-    node_.answer(GetParam().answer);
-    EXPECT_EQ(run(GetParam().words), (Outcome{GetParam().table, "", 0}));
-    expectRequest();
-}
-
-TEST_P(NodeQuestion, PrintsTheAnswerAsItCameWithJson)
-{
-    node_.answer(GetParam().answer);
-    std::vector<std::string> words = GetParam().words;
-    words.emplace_back("--json");
-    EXPECT_EQ(run(words), (Outcome{GetParam().answer + "\n", "", 0}));
-    expectRequest();
-}
-
-const Row kRows[] = {
+const AnsweredRow kRows[] = {
     {"Monitor",
      {"ip", "monitor"},
      "GET /v1/monitor",
@@ -349,7 +313,7 @@ const Row kRows[] = {
      "::1              unknown\n"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Commands, NodeQuestion, testing::ValuesIn(kRows), rowName);
+INSTANTIATE_TEST_SUITE_P(Questions, AnsweredCommand, testing::ValuesIn(kRows), rowName);
 
 class Refusal : public NasctlTest {};
 
@@ -381,7 +345,8 @@ TEST_F(Refusal, IsExitCode1WithJsonToo)
     EXPECT_EQ(
         run({"hdfs", "zone", "--json"}),
         (Outcome{answer + "\n",
-                 "nasctl: hdfs zone: the question failed with 5 (x); is the storage-side service running?\n", 1}));
+                 "nasctl: hdfs zone: the question failed with 5 (x); nasctl storage status shows its data and faults\n",
+                 1}));
 }
 
 TEST_F(Refusal, OfALookUpIsAPortThatThereIsNot)

@@ -4,8 +4,8 @@
 #include "failure.h"
 #include "named_row.h"
 #include "parse.h"
-#include "suggest.h"
 #include "table.h"
+#include <common/suggest.h>
 #include <gtest/gtest.h>
 
 using namespace ctl;
@@ -152,7 +152,7 @@ class Nearest : public testing::TestWithParam<NearestRow> {};
 
 TEST_P(Nearest, WordIsTheOneWithTheFewestSlips)
 {
-    EXPECT_EQ(nearest(GetParam().word, {"status", "power", "ip", "cluster", "mem", "msg"}), GetParam().meant);
+    EXPECT_EQ(common::nearest(GetParam().word, {"status", "power", "ip", "cluster", "mem", "msg"}), GetParam().meant);
 }
 
 const NearestRow kNearestRows[] = {

@@ -6,9 +6,11 @@
 
 #include "admin/admin_server.h"
 #include "admin/server.h"
+#include "notify/events.h"
 #include "storage/control.h"
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -19,6 +21,7 @@
 #include <nasctrl/config.h>
 #include <nasctrl/power.h>
 #include <random>
+#include <semaphore>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -682,11 +685,11 @@ struct Refusal {
 };
 
 const std::vector<Refusal> kRefusals = {
-    {"an unknown path", "GET", "/v1/nothing", "", 404, "there is no such call"},
-    {"the root", "GET", "/", "", 404, "there is no such call"},
-    {"a path with a query", "GET", "/v1/status?x", "", 404, "there is no such call"},
-    {"a cluster without id", "DELETE", "/v1/clusters/", "", 404, "there is no such call"},
-    {"a path below an id", "DELETE", "/v1/clusters/5/6", "", 404, "there is no such call"},
+    {"an unknown path", "GET", "/v1/nothing", "", 404, "there is no such call in this version"},
+    {"the root", "GET", "/", "", 404, "there is no such call in this version"},
+    {"a path with a query", "GET", "/v1/status?x", "", 404, "there is no such call in this version"},
+    {"a cluster without id", "DELETE", "/v1/clusters/", "", 404, "there is no such call in this version"},
+    {"a path below an id", "DELETE", "/v1/clusters/5/6", "", 404, "there is no such call in this version"},
     {"an unknown command", "POST", "/v1/commands", R"({"module":"m","command":"c"})", 404,
      "there is no such command of that module"},
     {"another method", "DELETE", "/v1/status", "", 405, "this path answers to GET only"},
@@ -1076,6 +1079,113 @@ TEST_F(AdminDoor, AQuestionThatWaitsDelaysNeitherReadingNorAChangeNorAnotherQues
     }
     answered.set_value();
     EXPECT_EQ(asking.receive().body, "/slow");
+}
+
+// A server whose every call follows: it waits until the server has it return.
+class FollowServer {
+public:
+    explicit FollowServer(const std::string &path)
+    {
+        settings_.socketPath = path;
+        settings_.lane = [](const host::admin::Request &request) {
+            return request.target == "/follow" ? host::admin::Lane::follow : host::admin::Lane::change;
+        };
+        settings_.answer = [this](const host::admin::Request &request) { return answer(request); };
+        settings_.endFollowing = [this] { ended_.set_value(); };
+        server_ = std::make_unique<host::admin::Server>(settings_);
+    }
+    void waitUntilAllFollow() { full_.get_future().wait(); }
+    void end() { server_.reset(); }
+
+private:
+    host::admin::Answer answer(const host::admin::Request &request)
+    {
+        if (request.target == "/follow") {
+            if (++following_ == host::admin::kMaxFollowers) {
+                full_.set_value();
+            }
+            end_.wait();
+        }
+        return {200, request.target};
+    }
+
+    host::admin::ServerSettings settings_;
+    std::atomic<size_t> following_ = 0;
+    std::promise<void> full_;
+    std::promise<void> ended_;
+    std::shared_future<void> end_ = ended_.get_future().share();
+    std::unique_ptr<host::admin::Server> server_;
+};
+
+TEST_F(AdminDoor, CallsThatFollowDelayNoOthersAreRefusedBeyondTheirLimitAndReturnAtTheEnd)
+{
+    const std::string path = directory_ + "/follow.sock";
+    FollowServer server(path);
+    std::deque<Client> followers;
+    for (size_t i = 0; i < host::admin::kMaxFollowers; ++i) {
+        followers.emplace_back(path).send(httpRequest("GET", "/follow", ""));
+    }
+    server.waitUntilAllFollow();
+    Client other(path);
+
+    other.send(httpRequest("GET", "/follow", ""));
+    const Response refused = other.receive();
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_EQ(refused.body, R"({"error":"16 calls wait for events already"})");
+    other.send(httpRequest("GET", "/change", ""));
+    EXPECT_EQ(other.receive().body, "/change");
+
+    server.end();
+    for (Client &follower : followers) {
+        EXPECT_EQ(follower.receive().body, "/follow");
+    }
+}
+
+TEST_F(AdminDoor, AFollowerMayComeWhenAnotherHasItsAnswer)
+{
+    for (size_t i = 0; i < host::admin::kMaxFollowers + 1; ++i) {
+        EXPECT_EQ(call("GET", "/v1/events?limit=0&wait=0").status, 200);
+    }
+}
+
+TEST_F(AdminDoor, NobodyWaitsForEventsAfterItsEnd)
+{
+    const uint64_t newest = host::readEvents(UINT64_MAX, 0).newest;
+    host::stopAdminServer();
+    EXPECT_TRUE(host::readEvents(newest, 1, std::chrono::hours(1)).events.empty());
+}
+
+// A service that keeps silent occupies every question, and must be told the end of that all the same.
+TEST_F(AdminDoor, AWordWithTheServiceDoesNotWaitForTheQuestions)
+{
+    std::counting_semaphore<> asked(0);
+    std::promise<void> answered;
+    const std::shared_future<void> end = answered.get_future().share();
+    host::admin::ServerSettings settings;
+    settings.socketPath = directory_ + "/silent.sock";
+    settings.lane = [](const host::admin::Request &request) {
+        return request.target == "/question" ? host::admin::Lane::question : host::admin::Lane::service;
+    };
+    settings.answer = [&](const host::admin::Request &request) {
+        if (request.target == "/question") {
+            asked.release();
+            end.wait();
+        }
+        return host::admin::Answer{200, request.target};
+    };
+    const host::admin::Server server(settings);
+    std::vector<std::unique_ptr<Client>> asking;
+    for (size_t i = 0; i < host::admin::kMaxQuestions; ++i) {
+        asking.push_back(std::make_unique<Client>(settings.socketPath));
+        asking.back()->send(httpRequest("POST", "/question", ""));
+        asked.acquire();
+    }
+
+    Client other(settings.socketPath);
+    other.send(httpRequest("GET", "/service", ""));
+
+    EXPECT_EQ(other.receive().body, "/service");
+    answered.set_value();
 }
 
 TEST_F(AdminDoor, MetricsComeAsPlainText)

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <gmock/gmock.h>
 #include <nasctrl/host/notify.h>
+#include <nasctrl/lif_port.h>
 #include <notify/commands.h>
 #include <notify/statistics.h>
 
@@ -228,6 +229,17 @@ TEST_F(SysctrlCommands, ListLifPortsByIndex)
     EXPECT_EQ(run("lif_list").text, "2 44 lif-a 10.0.0.1\n5 300 lif-b 10.0.0.2\n");
 }
 
+// Some failures of the library keep a hold for good; whoever looks must not wait for its end.
+TEST_F(SysctrlCommands, ListTheOtherLifPortsWhenABucketIsHeldAndSayWhichIsLeftOut)
+{
+    fake::addPort(300, 5, 1, "lif-b", "10.0.0.2");
+    fake::addPort(45, 2, 1, "lif-a", "10.0.0.1");
+    kvos_rwlock_write_lock(&g_NfsLifPortInfo.buckets[300 % NAS_LIF_PORT_BUCKETS].lock);
+    const CommandAnswer answer = run("lif_list");
+    EXPECT_EQ(answer.result, 0);
+    EXPECT_EQ(answer.text, "2 45 lif-a 10.0.0.1\nbusy: ports with an id of 44 modulo 256\n");
+}
+
 uint32_t indexOfNine(uint64_t id)
 {
     return id == 9 ? 17 : 0;
@@ -249,6 +261,17 @@ TEST_F(SysctrlCommands, ShowWhatStatisticsKnowOfALifPort)
     EXPECT_EQ(run("lif_show", "10").result, -ENOENT) << "an empty name";
     EXPECT_EQ(run("lif_show", "8").result, -ENOENT) << "a failed look-up";
     EXPECT_EQ(run("lif_show", "nine").result, -EINVAL);
+}
+
+TEST_F(SysctrlCommands, SayBusyForALifPortWhoseBucketIsHeld)
+{
+    ASSERT_EQ(statis_int_handle_register(0, indexOfNine), 0);
+    ASSERT_EQ(statis_string_handle_register(0, nameOfNine), 0);
+    fake::addPort(9, 17, 1, "lif-nine", "10.0.0.1");
+    kvos_rwlock_write_lock(&g_NfsLifPortInfo.buckets[9].lock);
+    EXPECT_EQ(run("lif_show", "9").result, -EBUSY);
+    kvos_rwlock_write_unlock(&g_NfsLifPortInfo.buckets[9].lock);
+    EXPECT_EQ(run("lif_show", "9").text, "17 lif-nine\n");
 }
 
 TEST(Statistics, RefuseAKindOutOfBoundsAndANullLookUp)

@@ -267,7 +267,7 @@ TEST_F(MessageService, CountsWhatItDoes)
     EXPECT_EQ(counters.undelivered, 1U);
 }
 
-// ---- threads
+// ---- clients beside each other
 
 TEST_F(MessageService, LetsOtherClientsThroughWhileAHandlerBlocks)
 {
@@ -301,7 +301,6 @@ TEST_F(MessageService, HandlesTheRequestsOfOneConnectionOneAfterTheOther)
         --inside;
         return echo(record);
     });
-    settings.threads = 4;
     start();
     const Peer peer = client();
 
@@ -336,6 +335,24 @@ TEST_F(MessageService, AnswersAThousandConnectionsAtOnce)
     }
 
     EXPECT_EQ(host::messageCounters().connections, 1000U);
+}
+
+TEST_F(MessageService, RefusesAClientBeyondItsLimit)
+{
+    settings.clients = 2;
+    start();
+    const Peer first = client();
+    {
+        const Peer second = client();
+        EXPECT_EQ(second.ask(frame(kZeros, 10, 2)).size(), 32U);
+
+        EXPECT_TRUE(client().isClosedByPeer());
+    }
+
+    EXPECT_THAT(recorded::lines(), ElementsAre("3 message: client " + ownPid() + " is refused: 2 are connected"));
+    ASSERT_TRUE(eventually([] { return host::messageCounters().connections == 1; }));
+    EXPECT_EQ(client().ask(frame(kZeros, 10, 3)).size(), 32U);
+    EXPECT_EQ(first.ask(frame(kZeros, 10, 4)).size(), 32U);
 }
 
 // ---- replies

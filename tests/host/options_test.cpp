@@ -113,7 +113,7 @@ TEST(Options, TakeEveryFlag)
                                        "/s",
                                        "--storage-timeout-ms",
                                        "250",
-                                       "--message-threads",
+                                       "--message-clients",
                                        "5",
                                        "--log-file",
                                        "/l",
@@ -147,7 +147,7 @@ TEST(Options, TakeEveryFlag)
     EXPECT_EQ(options.adminSocket, "/a");
     EXPECT_EQ(options.messages.storageSocketPath, "/s");
     EXPECT_EQ(options.messages.storageTimeout, std::chrono::milliseconds(250));
-    EXPECT_EQ(options.messages.threads, 5U);
+    EXPECT_EQ(options.messages.clients, 5U);
     EXPECT_TRUE(options.adapters.hasStorage);
     EXPECT_EQ(options.log.file, "/l");
     EXPECT_EQ(options.log.threshold, 4U);
@@ -198,12 +198,12 @@ TEST(Options, AreRefusedInOneLineThatSaysWhatTheValueIsNot)
         {"second module in a slot",
          {"--module", "0:nfs:3:20049", "--module", "0:hdfs:3:28020"},
          "--module: 0:hdfs:3:28020 is not possible, slot 0 is that of module nfs"},
-        {"misspelt", {"--nod-id", "4"}, "unknown option --nod-id, did you mean --node-id?"},
-        {"misspelt with value", {"--perod=4"}, "unknown option --perod, did you mean --period?"},
-        {"an extra letter", {"--periood=4"}, "unknown option --periood, did you mean --period?"},
-        {"four extra letters", {"--periodical=4"}, "unknown option --periodical"},
-        {"three extra letters at the end", {"--rootxyz"}, "unknown option --rootxyz, did you mean --root?"},
-        {"far from any", {"--frobnicate"}, "unknown option --frobnicate"},
+        {"misspelt", {"--nod-id", "4"}, "--nod-id: no such option; did you mean --node-id?"},
+        {"misspelt with value", {"--perod=4"}, "--perod: no such option; did you mean --period?"},
+        {"an extra letter", {"--periood=4"}, "--periood: no such option; did you mean --period?"},
+        {"four extra letters", {"--periodical=4"}, "--periodical: no such option"},
+        {"three extra letters at the end", {"--rootxyz"}, "--rootxyz: no such option"},
+        {"far from any", {"--frobnicate"}, "--frobnicate: no such option"},
         {"stray word", {"start"}, "start is not an option"},
         {"no such file",
          {"--config", "/nonexistent/n.conf"},
@@ -267,11 +267,11 @@ TEST_F(OptionFile, IsRefusedWithItsNameAndLine)
     const std::string bad = write("node-id = 4\nmodule = 0:nfs:3:20049\n\nperiod = often\n");
     EXPECT_EQ(refusal({"--config", bad}), bad + " line 4: period: often is not a whole number from 1 to 600");
     const std::string unknown = write("node-id = 4\nperoid = 5\n");
-    EXPECT_EQ(refusal({"--config", unknown}), unknown + " line 2: unknown option peroid, did you mean period?");
+    EXPECT_EQ(refusal({"--config", unknown}), unknown + " line 2: peroid: no such option; did you mean period?");
     const std::string truth = write("no-console = maybe\n");
     EXPECT_EQ(refusal({"--config", truth}), truth + " line 1: no-console: maybe is not true or false");
     const std::string section = write("[GLOBAL]\nnode-id = 4\n");
-    EXPECT_THAT(refusal({"--config", section}), HasSubstr("unknown option GLOBAL.node-id"));
+    EXPECT_THAT(refusal({"--config", section}), HasSubstr("GLOBAL.node-id: no such option"));
 }
 
 TEST_F(OptionFile, IsRefusedWhenAValueOfARepeatedOptionIsWrong)

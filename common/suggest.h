@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace ctl {
+namespace common {
 
 // The candidate with the fewest slips (a letter more, less, other, or two swapped) from the word; at most two, and
 // fewer than the word has letters. Empty when there is none.
@@ -15,4 +15,4 @@ std::string nearest(const std::string &word, const std::vector<std::string> &can
 // "; did you mean CANDIDATE?", or nothing.
 std::string suggestion(const std::string &word, const std::vector<std::string> &candidates);
 
-} // namespace ctl
+} // namespace common

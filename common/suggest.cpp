@@ -1,7 +1,7 @@
 #include "suggest.h"
 #include <algorithm>
 
-namespace ctl {
+namespace common {
 
 constexpr size_t kMaxSlips = 2;
 
@@ -48,4 +48,4 @@ std::string suggestion(const std::string &word, const std::vector<std::string> &
     return meant.empty() ? "" : "; did you mean " + meant + "?";
 }
 
-} // namespace ctl
+} // namespace common

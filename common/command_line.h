@@ -1,0 +1,27 @@
+/*
+ * What the command lines of the programs share.
+ */
+#pragma once
+
+#include <iosfwd>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace common {
+
+// A wrong command line or option file; what() is one line without the program's name.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Cuts the arguments (without the program's name) into the options of the app, which allows extras so that this can
+// name the option that was most likely meant. False when help or version was asked for and written to out. Throws
+// UsageError.
+bool cutCommandLine(CLI::App &app, std::vector<std::string> arguments, std::ostream &out);
+
+} // namespace common
