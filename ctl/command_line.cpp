@@ -47,6 +47,7 @@ private:
     void defineLog();
     void defineStorage();
     void defineLifPorts();
+    void defineVpcs();
     void defineQuestions();
     void defineEvents();
     void defineLocks();
@@ -99,6 +100,7 @@ Grammar::Grammar()
     defineLog();
     defineStorage();
     defineLifPorts();
+    defineVpcs();
     defineQuestions();
     defineEvents();
     defineLocks();
@@ -182,6 +184,25 @@ void Grammar::defineLifPorts()
     CLI::App *name = leaf(lif, "name", "The name of a port",
                           [this](const Session &session) { return namePort(session, *args_.id); });
     addText(name, "ID", args_.id, "Its id", "")->required();
+}
+
+void Grammar::defineVpcs()
+{
+    CLI::App *vpc =
+        family("vpc", "The networks of virtual private clouds: ls, add, lookup, check, clear, save, reload");
+    leaf(vpc, "ls", "List the records in the order in which look-ups try them", listVpcs);
+    CLI::App *add = leaf(vpc, "add", "Add a network to a cloud: ID ADDRESS/LENGTH",
+                         [this](const Session &session) { return addVpc(session, args_.words); });
+    collectWords(add, "RECORD", "The cloud's id and the network", args_.words, true);
+    CLI::App *lookup = leaf(vpc, "lookup", "The cloud that an address belongs to",
+                            [this](const Session &session) { return lookUpVpc(session, *args_.address); });
+    addText(lookup, "ADDR", args_.address, "IPv4 address", "")->required();
+    CLI::App *check = leaf(vpc, "check", "Whether a record has an id",
+                           [this](const Session &session) { return checkVpc(session, *args_.id); });
+    addText(check, "ID", args_.id, "The cloud's id", "")->required();
+    leaf(vpc, "clear", "Remove all records from the table, not from the file", clearVpcs);
+    leaf(vpc, "save", "Write the records to the file", saveVpcs);
+    leaf(vpc, "reload", "Add the file's records to the table", reloadVpcs);
 }
 
 void Grammar::defineZone(CLI::App *hdfs, const std::string &name, const std::string &text)

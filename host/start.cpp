@@ -21,6 +21,8 @@ namespace {
 constexpr const char *kDeploymentFile = "/opt/marovesta/brisqueta/conf/dpc.conf";
 constexpr const char *kConfigurationFiles[] = {kDeploymentFile, "/opt/ostrak/eds/eds-f/conf/EBSServer.cfg"};
 
+constexpr const char *kVpcDirectory = "/opt/dr/config";
+
 struct Step {
     const char *name;
     // 0, or the code of the failure; or throws std::exception with one clear line.
@@ -73,6 +75,18 @@ int32_t buildShardView(const NodeOptions & /*options*/)
 {
     const int32_t loaded = ProtoCfgLoadFile(kDeploymentFile);
     return loaded != 0 ? loaded : static_cast<int32_t>(stub_initShardView(kDeploymentFile));
+}
+
+// The library makes the file of its VPC table but not the folder; a node that cannot have one runs without.
+int32_t startCloudAdapter(const NodeOptions &options)
+{
+    std::error_code error;
+    std::filesystem::create_directories(kVpcDirectory, error);
+    if (error) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "start: %s%s cannot be made: %s; the VPC table cannot be saved",
+                 options.root.c_str(), kVpcDirectory, error.message().c_str());
+    }
+    return NasCloudAdaptInit();
 }
 
 int32_t done(void (*call)())
@@ -132,6 +146,7 @@ constexpr Step kSteps[] = {
     {"nas_ctrl_power_reg", [](const NodeOptions &) { return registerPower(); }},
     {"nas_ctrl_power_on", [](const NodeOptions &) { return nas_ctrl_power_on(nullptr, nullptr); },
      [] { nas_ctrl_power_off(nullptr, nullptr); }},
+    {"NasCloudAdaptInit", startCloudAdapter},
     {"admin server",
      [](const NodeOptions &o) {
          startAdminServer(o.adminSocket);

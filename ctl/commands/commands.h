@@ -32,6 +32,15 @@ int deletePort(const Session &session, const std::string &address, const std::op
 int findPort(const Session &session, const std::string &id);
 int namePort(const Session &session, const std::string &id);
 
+int listVpcs(const Session &session);
+// record: id, network.
+int addVpc(const Session &session, const Words &record);
+int lookUpVpc(const Session &session, const std::string &address);
+int checkVpc(const Session &session, const std::string &id);
+int clearVpcs(const Session &session);
+int saveVpcs(const Session &session);
+int reloadVpcs(const Session &session);
+
 struct ZoneWords {
     std::string fsId, tenantId, subnet;
 };

@@ -4,6 +4,7 @@
 #ifndef NASCTRL_NASCTRL_H
 #define NASCTRL_NASCTRL_H
 
+#include <nasctrl/cloud.h>
 #include <nasctrl/cluster_list.h>
 #include <nasctrl/config.h>
 #include <nasctrl/control.h>
@@ -15,5 +16,6 @@
 #include <nasctrl/power.h>
 #include <nasctrl/shard_view.h>
 #include <nasctrl/version_ns.h>
+#include <nasctrl/vpc.h>
 
 #endif

@@ -33,9 +33,10 @@ TEST(Node, RunsTheStartStepsInOrderAndRecordsThem)
         EXPECT_EQ(step["result"], 0) << step;
         library.push_back(step["step"]);
     }
-    const std::vector<std::string> expected = {
-        "DpcInitExternStub",  "extern_stub_init",    "nas_ctrl_init",      "nas_ctrl_handler_reg", "NasCtrlClusterInit",
-        "stub_initShardView", "nas_fmm_module_init", "NasIpMgrInitModule", "NasLifMgrModuleStart", "nas_ctrl_power_on"};
+    const std::vector<std::string> expected = {"DpcInitExternStub",    "extern_stub_init",   "nas_ctrl_init",
+                                               "nas_ctrl_handler_reg", "NasCtrlClusterInit", "stub_initShardView",
+                                               "nas_fmm_module_init",  "NasIpMgrInitModule", "NasLifMgrModuleStart",
+                                               "nas_ctrl_power_on",    "NasCloudAdaptInit"};
     size_t next = 0;
     for (const auto &step : library) {
         next += next < expected.size() && step == expected[next] ? 1 : 0;
