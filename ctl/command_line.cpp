@@ -23,10 +23,12 @@ struct Arguments {
     // Absent and empty differ: an empty directory is an error of a script, not a wish for the default.
     std::optional<std::string> root, adminSocket, messageSocket, timeout;
     std::optional<std::string> module, opcode, hex, command, value, level, logClass;
-    std::optional<std::string> period, time, address, id, fsId, tenantId, subnet;
+    std::optional<std::string> period, time, address, id, fsId, tenantId, subnet, after, lsId;
     Words words;
     bool json = false;
     bool all = false;
+    bool follow = false;
+    bool shared = false;
 };
 
 class Grammar {
@@ -46,7 +48,10 @@ private:
     void defineStorage();
     void defineClients();
     void defineLifPorts();
+    void defineVpcs();
     void defineQuestions();
+    void defineEvents();
+    void defineLocks();
     void defineZone(CLI::App *hdfs, const std::string &name, const std::string &text);
 
     CLI::App *recognised() const;
@@ -97,7 +102,10 @@ Grammar::Grammar()
     defineStorage();
     defineClients();
     defineLifPorts();
+    defineVpcs();
     defineQuestions();
+    defineEvents();
+    defineLocks();
     app_.footer("Global options may also follow the command; nasctl COMMAND --help tells more of each.\n"
                 "Exit codes: 0 done, 1 failed, 2 the command line is wrong.");
 }
@@ -178,6 +186,25 @@ void Grammar::defineLifPorts()
     CLI::App *name = leaf(lif, "name", "The name of a port",
                           [this](const Session &session) { return namePort(session, *args_.id); });
     addText(name, "ID", args_.id, "Its id", "")->required();
+}
+
+void Grammar::defineVpcs()
+{
+    CLI::App *vpc =
+        family("vpc", "The networks of virtual private clouds: ls, add, lookup, check, clear, save, reload");
+    leaf(vpc, "ls", "List the records in the order in which look-ups try them", listVpcs);
+    CLI::App *add = leaf(vpc, "add", "Add a network to a cloud: ID ADDRESS/LENGTH",
+                         [this](const Session &session) { return addVpc(session, args_.words); });
+    collectWords(add, "RECORD", "The cloud's id and the network", args_.words, true);
+    CLI::App *lookup = leaf(vpc, "lookup", "The cloud that an address belongs to",
+                            [this](const Session &session) { return lookUpVpc(session, *args_.address); });
+    addText(lookup, "ADDR", args_.address, "IPv4 address", "")->required();
+    CLI::App *check = leaf(vpc, "check", "Whether a record has an id",
+                           [this](const Session &session) { return checkVpc(session, *args_.id); });
+    addText(check, "ID", args_.id, "The cloud's id", "")->required();
+    leaf(vpc, "clear", "Remove all records from the table, not from the file", clearVpcs);
+    leaf(vpc, "save", "Write the records to the file", saveVpcs);
+    leaf(vpc, "reload", "Add the file's records to the table", reloadVpcs);
 }
 
 void Grammar::defineZone(CLI::App *hdfs, const std::string &name, const std::string &text)
@@ -318,6 +345,32 @@ void Grammar::defineClients()
     CLI::App *fault = ofLs("fault", "Report a client faulty and leave its process alone",
                            [this](const Session &session) { return faultClient(session, *args_.id, args_.value); });
     addText(fault, "--reason", args_.value, "2 process fault, 3 heart break, or another number [2]", "N");
+}
+
+void Grammar::defineEvents()
+{
+    CLI::App *events = leaf(&app_, "events", "What the modules were told and what the node saw, one line each",
+                            [this](const Session &session) { return showEvents(session, args_.after, args_.follow); });
+    addText(events, "--after", args_.after, "Only what came after the event of this number [all that is kept]", "N");
+    events->add_flag("--follow", args_.follow, "Go on with what happens until Ctrl-C")->disable_flag_override();
+}
+
+void Grammar::defineLocks()
+{
+    CLI::App *locks = family("locks", "The clients' file locks: ls, take, release");
+    leaf(locks, "ls", "List the locks", listLocks);
+    CLI::App *take = leaf(locks, "take", "Take a lock for a client: FILE START LEN", [this](const Session &session) {
+        return takeLock(session, *args_.lsId, args_.words, args_.shared);
+    });
+    take->add_flag("--shared", args_.shared, "Others may share it; without it nobody may")->disable_flag_override();
+    collectWords(take, "RANGE", "The file, the first byte, and the length, 0 for up to the end", args_.words, true);
+    CLI::App *release =
+        leaf(locks, "release", "Release a client's locks on FILE START LEN, or all of them",
+             [this](const Session &session) { return releaseLocks(session, *args_.lsId, args_.words); });
+    collectWords(release, "RANGE", "The file, the first byte, and the length, 0 for up to the end", args_.words, false);
+    for (CLI::App *command : {take, release}) {
+        addText(command, "--ls", args_.lsId, "LS id of the client", "ID")->required();
+    }
 }
 
 CLI::App *Grammar::recognised() const

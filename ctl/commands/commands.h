@@ -32,6 +32,15 @@ int deletePort(const Session &session, const std::string &address, const std::op
 int findPort(const Session &session, const std::string &id);
 int namePort(const Session &session, const std::string &id);
 
+int listVpcs(const Session &session);
+// record: id, network.
+int addVpc(const Session &session, const Words &record);
+int lookUpVpc(const Session &session, const std::string &address);
+int checkVpc(const Session &session, const std::string &id);
+int clearVpcs(const Session &session);
+int saveVpcs(const Session &session);
+int reloadVpcs(const Session &session);
+
 struct ZoneWords {
     std::string fsId, tenantId, subnet;
 };
@@ -42,6 +51,15 @@ int askAboutAddress(const Session &session, const std::string &question, const s
 int askAboutZone(const Session &session, const std::string &question, const ZoneWords &zone);
 int askAboutNeighbours(const Session &session, const std::string &lsId);
 int showControlIps(const Session &session, const Words &addresses);
+
+// The events after a number; all that the node keeps when it is not given. Followed until Ctrl-C ends the program.
+int showEvents(const Session &session, const std::optional<std::string> &after, bool follow);
+
+int listLocks(const Session &session);
+// range: FILE, START, LEN.
+int takeLock(const Session &session, const std::string &lsId, const Words &range, bool shared);
+// Everything that the LS holds when there is no range.
+int releaseLocks(const Session &session, const std::string &lsId, const Words &range);
 
 int showPower(const Session &session);
 int switchPower(const Session &session, const std::string &action);

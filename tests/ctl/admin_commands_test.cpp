@@ -1,8 +1,7 @@
 /*
  * The commands that ask the admin door: what they ask, and what they print.
  */
-#include "named_row.h"
-#include "scripted_node.h"
+#include "answered_command.h"
 #include <algorithm>
 
 namespace {
@@ -100,42 +99,7 @@ constexpr char kMemory[] =
     R"( {"function": "nas_lifport_add", "live_blocks": 0, "live_bytes": 0, "total_blocks": 2}],)"
     R"( "blocks": 2, "bytes": 1024})";
 
-struct Row : NamedRow {
-    std::vector<std::string> words;
-    std::string request; // method and path
-    std::string body;
-    std::string answer;
-    std::string table;
-};
-
-class AdminCommand : public NasctlTest, public testing::WithParamInterface<Row> {
-protected:
-    void expectRequest()
-    {
-        const auto asked = node_.requests();
-        ASSERT_EQ(asked.size(), 1U);
-        EXPECT_EQ(asked[0].line, GetParam().request + " HTTP/1.1");
-        EXPECT_EQ(asked[0].body, GetParam().body);
-    }
-};
-
-TEST_P(AdminCommand, PrintsATableForPeople)
-{
-    node_.answer(GetParam().answer);
-    EXPECT_EQ(run(GetParam().words), (Outcome{GetParam().table, "", 0}));
-    expectRequest();
-}
-
-TEST_P(AdminCommand, PrintsTheAnswerAsItCameWithJson)
-{
-    node_.answer(GetParam().answer);
-    std::vector<std::string> words = GetParam().words;
-    words.emplace_back("--json");
-    EXPECT_EQ(run(words), (Outcome{GetParam().answer + "\n", "", 0}));
-    expectRequest();
-}
-
-const Row kRows[] = {
+const AnsweredRow kRows[] = {
     {"Status", {"status"}, "GET /v1/status", "", kStatus, kStatusTables},
     {"BusyStatus", {"status"}, "GET /v1/status", "", kBusyStatus, kBusyStatusTables},
     {"Addresses", {"ip", "ls"}, "GET /v1/ips", "", kAddresses, kAddressTable},
@@ -288,7 +252,7 @@ const Row kRows[] = {
      "accounts: busy\n"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Commands, AdminCommand, testing::ValuesIn(kRows), rowName);
+INSTANTIATE_TEST_SUITE_P(Admin, AnsweredCommand, testing::ValuesIn(kRows), rowName);
 
 class Config : public NasctlTest {};
 
@@ -357,9 +321,12 @@ class Command : public NasctlTest {};
 TEST_F(Command, ItsTextIsPrintedAlsoWhenItFailed)
 {
     node_.answer(R"({"result": -22, "text": "no such shard"})");
-    EXPECT_EQ(run({"cmd", "-m", "nas_fmm", "-c", "dump"}),
-              (Outcome{"no such shard\n",
-                       "nasctl: cmd: nas_fmm dump: result -22; nasctl cmd lists the commands and their usage\n", 1}));
+    EXPECT_EQ(
+        run({"cmd", "-m", "nas_fmm", "-c", "dump"}),
+        (Outcome{
+            "no such shard\n",
+            "nasctl: cmd: nas_fmm dump: result -22 (Invalid argument); nasctl cmd lists the commands and their usage\n",
+            1}));
 }
 
 TEST_F(Command, ItsFailureIsExitCode1WithJsonToo)

@@ -2,8 +2,7 @@
  * The commands about the monitor, one address, LIF ports and the storage-side service: what each asks the node, and
  * what people and programs get to see.
  */
-#include "named_row.h"
-#include "scripted_node.h"
+#include "answered_command.h"
 
 namespace {
 
@@ -64,42 +63,7 @@ constexpr char kConfiguration[] =
     R"({"question": "conf", "code": 0, "reason": null, "answer": {"result": 0, "fs_id": 7, "dtree_path": "/a",)"
     R"( "subnet": "", "tenant_id": null, "rest": {"hex": "6101", "text": "a."}}})";
 
-struct Row : NamedRow {
-    std::vector<std::string> words;
-    std::string request; // method and path
-    std::string body;
-    std::string answer;
-    std::string table;
-};
-
-class NodeQuestion : public NasctlTest, public testing::WithParamInterface<Row> {
-protected:
-    void expectRequest()
-    {
-        const auto asked = node_.requests();
-        ASSERT_EQ(asked.size(), 1U);
-        EXPECT_EQ(asked[0].line, GetParam().request + " HTTP/1.1");
-        EXPECT_EQ(asked[0].body, GetParam().body);
-    }
-};
-
-TEST_P(NodeQuestion, PrintsATableForPeople)
-{
-    node_.answer(GetParam().answer);
-    EXPECT_EQ(run(GetParam().words), (Outcome{GetParam().table, "", 0}));
-    expectRequest();
-}
-
-TEST_P(NodeQuestion, PrintsTheAnswerAsItCameWithJson)
-{
-    node_.answer(GetParam().answer);
-    std::vector<std::string> words = GetParam().words;
-    words.emplace_back("--json");
-    EXPECT_EQ(run(words), (Outcome{GetParam().answer + "\n", "", 0}));
-    expectRequest();
-}
-
-const Row kRows[] = {
+const AnsweredRow kRows[] = {
     {"Monitor",
      {"ip", "monitor"},
      "GET /v1/monitor",
@@ -234,6 +198,73 @@ const Row kRows[] = {
      "",
      R"({"id": "5", "name": "eth0", "known": true})",
      "eth0\n"},
+    {"Vpcs",
+     {"vpc", "ls"},
+     "GET /v1/vpc",
+     "",
+     R"({"records": [{"slot": 0, "id": "vpc-a", "address": "10.1.0.0", "length": 16},)"
+     R"( {"slot": 12, "id": "b\n", "address": "x", "length": -1}]})",
+     "SLOT  ID     NETWORK\n"
+     "   0  vpc-a  10.1.0.0/16\n"
+     "  12  b\\n    x/-1\n"},
+    {"NoVpcs", {"vpc", "ls"}, "GET /v1/vpc", "", R"({"records": []})", "no VPC records\n"},
+    {"VpcThatIsAdded",
+     {"vpc", "add", "vpc-a", "10.1.0.0/16"},
+     "POST /v1/vpc",
+     R"({"id":"vpc-a","network":"10.1.0.0/16"})",
+     R"({"added": true, "record": {"slot": 0, "id": "vpc-a", "address": "10.1.0.0", "length": 16}})",
+     "SLOT  ID     NETWORK\n"
+     "   0  vpc-a  10.1.0.0/16\n"},
+    {"VpcThatIsThere",
+     {"vpc", "add", "vpc-a", "10.1.0.0/16"},
+     "POST /v1/vpc",
+     R"({"id":"vpc-a","network":"10.1.0.0/16"})",
+     R"({"added": false, "record": {"slot": 3, "id": "vpc-a", "address": "10.1.0.0", "length": 16}})",
+     "SLOT  ID     NETWORK\n"
+     "   3  vpc-a  10.1.0.0/16\n"
+     "it was there already\n"},
+    {"VpcOfAnAddress",
+     {"vpc", "lookup", "10.1.7.9"},
+     "GET /v1/vpc/of/10.1.7.9",
+     "",
+     R"({"address": "10.1.7.9", "id": "vpc-a", "default": false})",
+     "vpc-a\n"},
+    {"VpcWithoutAName",
+     {"vpc", "lookup", "255.255.255.255"},
+     "GET /v1/vpc/of/255.255.255.255",
+     "",
+     R"({"address": "255.255.255.255", "id": "", "default": false})",
+     "\"\"\n"},
+    {"VpcIdThatIsKnown",
+     {"vpc", "check", "vpc-a"},
+     "POST /v1/vpc/check",
+     R"({"id":"vpc-a"})",
+     R"({"id": "vpc-a", "known": true})",
+     "known\n"},
+    {"ClearedVpcs",
+     {"vpc", "clear"},
+     "DELETE /v1/vpc",
+     "",
+     R"({"removed": 1})",
+     "1 record removed; the file stays as it is\n"},
+    {"SavedVpcs",
+     {"vpc", "save"},
+     "POST /v1/vpc/save",
+     "",
+     R"({"file": "/n/opt/dr/config/vpc.local.conf", "records": 2, "left_bytes": 0})",
+     "2 records saved in /n/opt/dr/config/vpc.local.conf\n"},
+    {"VpcsSavedOverALongerText",
+     {"vpc", "save"},
+     "POST /v1/vpc/save",
+     "",
+     R"({"file": "/f", "records": 1, "left_bytes": 40})",
+     "1 record saved in /f; 40 bytes of an older, longer text stay behind them\n"},
+    {"ReloadedVpcs",
+     {"vpc", "reload"},
+     "POST /v1/vpc/reload",
+     "",
+     R"({"file": "/f", "added": 0, "records": 4})",
+     "0 records added from /f; 4 in the table\n"},
     {"Zone", {"hdfs", "zone"}, "POST /v1/ask/zone", "", kZone, kZoneTable},
     {"NodeAddresses", {"ip", "node"}, "POST /v1/ask/node-ips", "", kZone, kZoneTable},
     {"Interfaces", {"ifaces"}, "POST /v1/ask/ifaces", "", kZone, kZoneTable},
@@ -282,7 +313,7 @@ const Row kRows[] = {
      "::1              unknown\n"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Commands, NodeQuestion, testing::ValuesIn(kRows), rowName);
+INSTANTIATE_TEST_SUITE_P(Questions, AnsweredCommand, testing::ValuesIn(kRows), rowName);
 
 class Refusal : public NasctlTest {};
 
@@ -314,7 +345,8 @@ TEST_F(Refusal, IsExitCode1WithJsonToo)
     EXPECT_EQ(
         run({"hdfs", "zone", "--json"}),
         (Outcome{answer + "\n",
-                 "nasctl: hdfs zone: the question failed with 5 (x); is the storage-side service running?\n", 1}));
+                 "nasctl: hdfs zone: the question failed with 5 (x); nasctl storage status shows its data and faults\n",
+                 1}));
 }
 
 TEST_F(Refusal, OfALookUpIsAPortThatThereIsNot)
@@ -322,6 +354,13 @@ TEST_F(Refusal, OfALookUpIsAPortThatThereIsNot)
     node_.answer(R"({"id": "6", "index": 8, "known": false})");
     EXPECT_EQ(run({"lif", "find", "6"}),
               (Outcome{"", "nasctl: lif find: 6: no such LIF port; nasctl lif ls lists them\n", 1}));
+}
+
+TEST_F(Refusal, OfAVpcIdIsOneThatNoRecordHas)
+{
+    node_.answer(R"({"id": "b", "known": false})");
+    EXPECT_EQ(run({"vpc", "check", "b"}),
+              (Outcome{"", "nasctl: vpc check: b: no record has this id; nasctl vpc ls lists them\n", 1}));
 }
 
 TEST_F(Refusal, OfADeletionNamesThePortThatStays)

@@ -1,6 +1,7 @@
 #include "fake_library.h"
 
 #include <adapters/adapters.h>
+#include <adapters/lif_table.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <nasctrl/control.h>
 #include <nasctrl/host/cluster.h>
 #include <nasctrl/ip_manager.h>
+#include <nasctrl/lif_port.h>
 #include <node.h>
 
 namespace {
@@ -175,9 +177,20 @@ TEST_F(Adapters, FindAPortByItsAddress)
     EXPECT_EQ(find(nullptr), NAS_INVALID);
 }
 
+TEST_F(Adapters, DoNotFindAPortWhoseBucketIsHeldAndDoNotWaitForIt)
+{
+    fake::addPort(300, 5, 1, "lif-b", "10.0.0.2");
+    kvos_rwlock_write_lock(&g_NfsLifPortInfo.buckets[300 % NAS_LIF_PORT_BUCKETS].lock);
+    uint64_t id = 7;
+    EXPECT_EQ(getNasLifPortIdByIpAdpter(reinterpret_cast<uintptr_t>("10.0.0.2"), reinterpret_cast<uintptr_t>(&id), 0, 0,
+                                        0, 0),
+              NAS_INVALID);
+    EXPECT_EQ(id, 7U);
+}
+
 TEST_F(Adapters, KnowNoPortsBeforeTheTableIsBuilt)
 {
-    EXPECT_THAT(host::lifPorts(), IsEmpty());
+    EXPECT_THAT(host::readLifTable().ports, IsEmpty());
 }
 
 // ---- the node's addresses
@@ -242,6 +255,19 @@ TEST_F(Adapters, AskTheStorageSideWhenThereIsOne)
     configure([](host::AdapterSettings &settings) { settings.hasStorage = true; });
     EXPECT_EQ(currentList(-110), nullptr);
     EXPECT_THAT(fake::library().calls, ElementsAre("GetCurNodeIpList()"));
+}
+
+// The library takes the count on trust.
+TEST_F(Adapters, RefuseAListOfTheStorageSideThatHoldsLessThanItSays)
+{
+    configure([](host::AdapterSettings &settings) { settings.hasStorage = true; });
+    std::string &list = fake::library().nodeList;
+    list = std::string(8 + 2 * 72, '\0');
+    list[4] = 2;
+    EXPECT_NE(currentList(0), nullptr);
+    list.pop_back();
+    EXPECT_NE(currentList(-EPROTO), nullptr) << "handed out to be freed";
+    EXPECT_THAT(fake::library().lines, ElementsAre("3 adapters: the list of addresses is cut short: it is to hold 2"));
 }
 
 TEST(WorkStatus, IsNotWorkingUntilItIsSet)
@@ -340,6 +366,14 @@ TEST_F(ControlMessages, ListLifPortsFromTheGivenIndexOn)
     EXPECT_EQ(ask(NasCtrlGetLifInfoAdapter, {40, 3}),
               bytes({word(2), word(1), word(0), word(0), //
                      wide(300), wide(1000), word(5), field("lif-b", 264), field("10.0.0.2", 48), word(0)}));
+}
+
+TEST_F(ControlMessages, SendNoListOfLifPortsWithPortsLeftOut)
+{
+    fake::addPort(300, 5, 1000, "lif-b", "10.0.0.2");
+    kvos_rwlock_write_lock(&g_NfsLifPortInfo.buckets[1].lock);
+    ask(NasCtrlGetLifInfoAdapter, {40}, NAS_ERROR);
+    EXPECT_THAT(fake::library().sent, IsEmpty());
 }
 
 TEST_F(ControlMessages, CutAListOfLifPortsThatFillsAReplyAndTellWhereToGoOn)

@@ -2,15 +2,12 @@
 
 #include <arpa/inet.h>
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -18,64 +15,16 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace integration {
 
+using support::exitCodeOf;
+using support::Pipe;
+using support::readAll;
+using support::spawn;
+
 namespace {
-
-struct Pipe {
-    int read = -1;
-    int write = -1;
-    Pipe()
-    {
-        std::array<int, 2> ends{};
-        if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-            throw std::runtime_error("pipe");
-        }
-        read = ends[0];
-        write = ends[1];
-    }
-};
-
-std::string readAll(int descriptor)
-{
-    std::string text;
-    std::array<char, 4096> buffer{};
-    ssize_t length = 0;
-    while ((length = ::read(descriptor, buffer.data(), buffer.size())) > 0) {
-        text.append(buffer.data(), static_cast<size_t>(length));
-    }
-    close(descriptor);
-    return text;
-}
-
-// Starts a program with its output and errors going to the given descriptors.
-pid_t spawn(const std::vector<std::string> &command, int out, int err, int kept)
-{
-    std::vector<char *> arguments;
-    for (const auto &argument : command) {
-        arguments.push_back(const_cast<char *>(argument.c_str()));
-    }
-    arguments.push_back(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(out, STDOUT_FILENO);
-        dup2(err, STDERR_FILENO);
-        if (kept >= 0) {
-            fcntl(kept, F_SETFD, 0);
-        }
-        execv(arguments[0], arguments.data());
-        _exit(127);
-    }
-    return child;
-}
-
-int exitCodeOf(pid_t child)
-{
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 sockaddr_in ipv4(const std::string &address, uint16_t port)
 {
@@ -92,7 +41,7 @@ Outcome run(const std::vector<std::string> &command)
 {
     Pipe out;
     Pipe err;
-    const pid_t child = spawn(command, out.write, err.write, -1);
+    const pid_t child = spawn(command, {.out = out.write, .err = err.write});
     close(out.write);
     close(err.write);
     std::string errText;
@@ -114,6 +63,81 @@ TemporaryDirectory::TemporaryDirectory()
 TemporaryDirectory::~TemporaryDirectory()
 {
     std::filesystem::remove_all(path_);
+}
+
+PrivateNetwork::PrivateNetwork()
+{
+    const Pipe in;
+    const Pipe out;
+    holder_ = fork();
+    if (holder_ == 0) {
+        dup2(in.read, STDIN_FILENO);
+        dup2(out.write, STDOUT_FILENO);
+        execlp("unshare", "unshare", "-Urn", "sh", "-c", "ip link set lo up && echo up && read end", nullptr);
+        _exit(127);
+    }
+    close(in.read);
+    close(out.write);
+    release_ = in.write;
+    std::array<char, 3> said{};
+    exists_ = ::read(out.read, said.data(), said.size()) == static_cast<ssize_t>(said.size());
+    close(out.read);
+}
+
+PrivateNetwork::~PrivateNetwork()
+{
+    close(release_);
+    waitpid(holder_, nullptr, 0);
+}
+
+std::vector<std::string> PrivateNetwork::prefix() const
+{
+    return {"nsenter", "--target", std::to_string(holder_), "--user", "--preserve-credentials", "--net"};
+}
+
+Outcome PrivateNetwork::run(const std::vector<std::string> &command) const
+{
+    std::vector<std::string> inside = prefix();
+    inside.insert(inside.end(), command.begin(), command.end());
+    return integration::run(inside);
+}
+
+Stored::Stored(const std::string &directory) : directory_(directory)
+{
+    write("{}");
+}
+
+Stored::~Stored()
+{
+    if (pid_ > 0) {
+        stop(SIGKILL);
+    }
+}
+
+void Stored::write(const std::string &data) const
+{
+    std::ofstream(this->data()) << data;
+}
+
+bool Stored::start()
+{
+    const Pipe ready;
+    pid_ = spawn({NASSTORED, "--socket", socket(), "--data", data(), "--no-console", "--log-file",
+                  directory_ + "/stored.log", "--ready-fd", std::to_string(ready.write)},
+                 {.kept = ready.write});
+    close(ready.write);
+    return !readAll(ready.read).empty();
+}
+
+void Stored::signal(int number) const
+{
+    kill(pid_, number);
+}
+
+int Stored::stop(int signal)
+{
+    kill(pid_, signal);
+    return exitCodeOf(std::exchange(pid_, -1));
 }
 
 Node::Node(std::vector<Module> modules) : modules_(std::move(modules))
@@ -167,7 +191,10 @@ uint16_t Node::freePort()
 
 std::vector<std::string> Node::command() const
 {
-    std::vector<std::string> command = {NASCTRLD, "--root", root(), "--log-file", root() + "/node.log", "--no-console"};
+    std::vector<std::string> command = prefix_;
+    const std::vector<std::string> own = {NASCTRLD,      "--root", root(), "--log-file", root() + "/node.log",
+                                          "--no-console"};
+    command.insert(command.end(), own.begin(), own.end());
     for (const auto &module : modules_) {
         command.emplace_back("--module");
         command.push_back(std::to_string(module.slot) + ":" + module.name + ":" + module.types + ":" +
@@ -184,7 +211,7 @@ bool Node::start()
     std::vector<std::string> line = command();
     line.emplace_back("--ready-fd");
     line.push_back(std::to_string(ready.write));
-    pid_ = spawn(line, out.write, out.write, ready.write);
+    pid_ = spawn(line, {.out = out.write, .err = out.write, .kept = ready.write});
     close(out.write);
     close(ready.write);
     const bool isReady = !readAll(ready.read).empty();
@@ -247,18 +274,6 @@ std::string Node::moduleState(const std::string &address, const std::string &mod
         }
     }
     return "";
-}
-
-bool Node::eventually(const std::function<bool()> &condition)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < end) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
 }
 
 bool accepts(const std::string &address, uint16_t port)

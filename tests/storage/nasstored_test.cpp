@@ -1,79 +1,26 @@
 // The real nasstored as a process: started, asked, reloaded, stopped; and in a network of its own, followed.
 #include "message_peer.h"
 
-#include <array>
-#include <chrono>
 #include <csignal>
-#include <fcntl.h>
 #include <fstream>
-#include <functional>
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-#include <thread>
+#include <support/process.h>
 
 namespace {
 
+using support::eventually;
 using testing::HasSubstr;
 
 const std::string kUnread(4, '\0');
-
-struct Pipe {
-    int read = -1;
-    int write = -1;
-    Pipe()
-    {
-        std::array<int, 2> ends{};
-        if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-            throw std::runtime_error("pipe");
-        }
-        read = ends[0];
-        write = ends[1];
-    }
-};
-
-std::string readAll(int descriptor)
-{
-    std::string text;
-    std::array<char, 4096> buffer{};
-    for (ssize_t length = 0; (length = read(descriptor, buffer.data(), buffer.size())) > 0;) {
-        text.append(buffer.data(), static_cast<size_t>(length));
-    }
-    close(descriptor);
-    return text;
-}
-
-bool eventually(const std::function<bool()> &condition)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < end) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
-}
 
 // A program with a pipe for its input and one for its output and errors.
 class Process {
 public:
     explicit Process(std::vector<std::string> command)
     {
-        std::vector<char *> arguments;
-        for (std::string &word : command) {
-            arguments.push_back(word.data());
-        }
-        arguments.push_back(nullptr);
-        const Pipe in;
-        const Pipe out;
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(in.read, STDIN_FILENO);
-            dup2(out.write, STDOUT_FILENO);
-            dup2(out.write, STDERR_FILENO);
-            execvp(arguments[0], arguments.data());
-            _exit(127);
-        }
+        const support::Pipe in;
+        const support::Pipe out;
+        pid_ = support::spawn(std::move(command), {.in = in.read, .out = out.write, .err = out.write});
         close(in.read);
         close(out.write);
         in_ = in.write;
@@ -98,10 +45,8 @@ public:
     std::pair<int, std::string> end()
     {
         close(std::exchange(in_, -1));
-        const std::string said = readAll(out_);
-        int status = 0;
-        waitpid(std::exchange(pid_, -1), &status, 0);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), said};
+        const std::string said = support::readAll(out_);
+        return {support::exitCodeOf(std::exchange(pid_, -1)), said};
     }
 
 private:
