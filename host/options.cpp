@@ -19,6 +19,7 @@ namespace host {
 namespace {
 
 constexpr const char *kRunDirectory = "/run/nasctrl";
+constexpr const char *kStateDirectory = "/var/lib/nasctrl"; // outlives the machine's restart
 constexpr unsigned kMaxPeriodSeconds = 600;
 constexpr unsigned kMaxThreads = 64;
 constexpr unsigned kMaxStorageTimeoutMs = 3600000;
@@ -144,6 +145,14 @@ void setNodeName(NodeOptions &options, const std::string &text)
     options.adapters.nodeName = text;
 }
 
+void setStore(NodeOptions &options, const std::string &text)
+{
+    options.store = parseStore(text);
+    if (!options.store.file.empty()) {
+        options.store.file = path(options.store.file);
+    }
+}
+
 constexpr OptionRow kRows[] = {
     {"root", "DIR", "Run against DIR/opt in the place of /opt",
      [](NodeOptions &o, const std::string &text) { o.root = path(text); }},
@@ -164,6 +173,7 @@ constexpr OptionRow kRows[] = {
      [](NodeOptions &o, const std::string &text) {
          o.messages.storageTimeout = std::chrono::milliseconds(count(text, kMaxStorageTimeoutMs));
      }},
+    {"store", "KIND:PLACE", "Cluster store: sqlite:PATH or etcd:URL[,URL...] [sqlite:ROOT/var/cluster.db]", setStore},
     {"message-threads", "N", "Threads that run message handlers [2]",
      [](NodeOptions &o, const std::string &text) { o.messages.threads = count(text, kMaxThreads); }},
     {"log-file", "PATH", "Append the log to this file",
@@ -326,6 +336,9 @@ void setDefaults(NodeOptions &options)
     }
     if (options.adminSocket.empty()) {
         options.adminSocket = run + "/admin.sock";
+    }
+    if (options.store.file.empty() && options.store.endpoints.empty()) {
+        options.store.file = (options.root.empty() ? std::string(kStateDirectory) : options.root + "/var") + "/cluster.db";
     }
     if (options.adapters.lsIds.empty()) {
         options.adapters.lsIds = {options.nodeId};

@@ -5,6 +5,7 @@
 
 #include "admin/admin_server.h"
 #include "cluster/cm_client.h"
+#include "cluster/name_service.h"
 #include "config/ini_file.h"
 #include "node.h"
 #include "power.h"
@@ -67,6 +68,19 @@ int32_t setPeriod(const NodeOptions &options)
     return options.period ? NasIpMgrSetIpQueryPeriod(std::to_string(*options.period).c_str()) : 0;
 }
 
+int32_t startStore(const NodeOptions &options)
+{
+    startClusterStore(options.store);
+    startNameService();
+    return 0;
+}
+
+void stopStore()
+{
+    stopNameService();
+    stopClusterStore();
+}
+
 int32_t done(void (*call)())
 {
     call();
@@ -106,6 +120,7 @@ constexpr Step kSteps[] = {
          return 0;
      },
      stopMessageService},
+    {"cluster store", startStore, stopStore},
     {"nas_ctrl_cluster_list_init", [](const NodeOptions &) { return done(nas_ctrl_cluster_list_init); }},
     {"DpcInitExternStub", [](const NodeOptions &) { return static_cast<int32_t>(DpcInitExternStub()); }},
     {"extern_stub_init", [](const NodeOptions &) { return static_cast<int32_t>(extern_stub_init()); }},
