@@ -1,16 +1,22 @@
 /*
- * Threads of the library: detached, named "nas-1", "nas-2", ... in the order of their creation.
- * Callable from every thread; nothing is locked.
+ * Threads of the library: detached, named "nas-1", "nas-2", ... in the order of their starts. A thread whose body has
+ * ended waits for the next one, because the library starts addition threads in groups of 25 and a waiting thread is
+ * sooner at work than a new one.
+ *
+ * Callable from every thread. g_idleLock guards the list of waiting threads and is held for nothing else.
  */
 #include "platform/thread_id.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <mutex>
 #include <nasctrl/host/platform.h>
 #include <new>
 #include <pthread.h>
+#include <semaphore.h>
 #include <type_traits>
 #include <unistd.h>
 
@@ -24,19 +30,62 @@ struct Start {
     uint32_t number;
 };
 
-constinit std::atomic<uint32_t> g_started{0};
+// On the stack of its thread. A semaphore may end as soon as its wait has returned, whatever the post is still doing.
+struct Worker {
+    Start start;
+    pthread_t thread;
+    sem_t handedOver;
+};
 
-// Small enough for libc to keep the stacks of a whole group of addition threads for the next one, which it does up to
-// 40 MiB; mapping new ones would take longer than starting the threads.
 constexpr size_t kStackSize = size_t{1024} * 1024;
+// A group of addition threads, and some that are still on their way out when the next group starts.
+constexpr size_t kMostIdle = 32;
 
-void *runNamed(void *start)
+constinit std::atomic<uint32_t> g_started{0};
+constinit std::mutex g_idleLock;
+constinit std::array<Worker *, kMostIdle> g_idle{};
+constinit size_t g_idleCount = 0;
+
+// The one that ran last, whose stack is still in the cache; null when none waits.
+Worker *takeIdle()
 {
-    const std::unique_ptr<Start> own(static_cast<Start *>(start));
+    const std::lock_guard hold(g_idleLock);
+    return g_idleCount == 0 ? nullptr : g_idle[--g_idleCount];
+}
+
+// False when enough others wait.
+bool becomeIdle(Worker *self)
+{
+    const std::lock_guard hold(g_idleLock);
+    if (g_idleCount == kMostIdle) {
+        return false;
+    }
+    g_idle[g_idleCount++] = self;
+    return true;
+}
+
+void run(const Start &start)
+{
     char name[16]; // the kernel's limit
-    std::snprintf(name, sizeof name, "nas-%u", own->number);
+    std::snprintf(name, sizeof name, "nas-%u", start.number);
     pthread_setname_np(pthread_self(), name);
-    return own->body(own->arg);
+    start.body(start.arg);
+}
+
+void *runOneAfterTheOther(void *firstStart)
+{
+    Worker self{};
+    self.start = *std::unique_ptr<Start>(static_cast<Start *>(firstStart));
+    self.thread = pthread_self();
+    sem_init(&self.handedOver, 0, 0);
+    run(self.start);
+    while (becomeIdle(&self)) {
+        while (sem_wait(&self.handedOver) != 0) { // a signal came
+        }
+        run(self.start);
+    }
+    sem_destroy(&self.handedOver);
+    return nullptr;
 }
 
 class ThreadAttributes {
@@ -56,6 +105,20 @@ private:
     pthread_attr_t attributes_;
 };
 
+int startNew(const Start &start, pthread_t *id)
+{
+    std::unique_ptr<Start> own(new (std::nothrow) Start(start));
+    if (own == nullptr) {
+        return ENOMEM;
+    }
+    // glibc stores the id before it lets the thread run; storing it here afterwards could come after the body's end.
+    const int result = pthread_create(id, ThreadAttributes().get(), runOneAfterTheOther, own.get());
+    if (result == 0) {
+        static_cast<void>(own.release()); // the thread owns it
+    }
+    return result;
+}
+
 } // namespace
 
 uint32_t host::osThreadId()
@@ -69,14 +132,13 @@ int32_t kvos_thrd_create(void *(*body)(void *), void *arg, unsigned long *thread
     if (body == nullptr || thread_id == nullptr) {
         return EINVAL;
     }
-    std::unique_ptr<Start> start(new (std::nothrow) Start{body, arg, ++g_started});
-    if (start == nullptr) {
-        return ENOMEM;
+    const Start start{body, arg, ++g_started};
+    Worker *const idle = takeIdle();
+    if (idle == nullptr) {
+        return startNew(start, thread_id);
     }
-    // glibc stores the id before it lets the thread run; storing it here afterwards could come after the body's end.
-    const int result = pthread_create(thread_id, ThreadAttributes().get(), runNamed, start.get());
-    if (result == 0) {
-        static_cast<void>(start.release()); // runNamed owns it now
-    }
-    return result;
+    idle->start = start;
+    *thread_id = idle->thread;
+    sem_post(&idle->handedOver);
+    return 0;
 }

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -15,6 +16,7 @@
 #include <limits>
 #include <nasctrl/host/platform.h>
 #include <pthread.h>
+#include <semaphore>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -464,6 +466,53 @@ TEST(Threads, HaveTheirIdStoredBeforeTheBodyRuns)
     ASSERT_EQ(kvos_thrd_create(body, &check, &check.id), 0);
     check.done.wait();
     EXPECT_TRUE(check.stored);
+}
+
+struct Meeting {
+    explicit Meeting(size_t count) : begun(static_cast<std::ptrdiff_t>(count)) {}
+    std::latch begun;
+    std::counting_semaphore<> ended{0};
+};
+
+void *meet(void *meeting)
+{
+    auto *own = static_cast<Meeting *>(meeting);
+    own->begun.arrive_and_wait();
+    own->ended.release();
+    return nullptr;
+}
+
+// Starts count threads that all run at once, waits until each has done its part, and tells their ids.
+std::set<unsigned long> runTogether(size_t count)
+{
+    static std::deque<Meeting> meetings; // a thread may still be leaving a meeting that is over
+    Meeting &meeting = meetings.emplace_back(count);
+    std::set<unsigned long> ids;
+    for (size_t i = 0; i < count; ++i) {
+        unsigned long id = 0;
+        EXPECT_EQ(kvos_thrd_create(meet, &meeting, &id), 0);
+        ids.insert(id);
+    }
+    for (size_t i = 0; i < count; ++i) {
+        meeting.ended.acquire();
+    }
+    return ids;
+}
+
+TEST(Threads, RunAllAtOnceHoweverManyWaitForWork)
+{
+    EXPECT_EQ(runTogether(50).size(), 50U);
+    EXPECT_EQ(runTogether(50).size(), 50U);
+    EXPECT_EQ(runTogether(3).size(), 3U);
+}
+
+TEST(Threads, OneAfterTheOtherAreMostlyTheSame)
+{
+    std::set<unsigned long> ids;
+    for (int i = 0; i < 1000; ++i) {
+        ids.merge(runTogether(1));
+    }
+    EXPECT_LT(ids.size(), 100U);
 }
 
 TEST(Threads, AreRefusedWithoutBodyOrPlaceForTheId)
