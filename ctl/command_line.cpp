@@ -44,6 +44,7 @@ private:
     void defineCommands();
     void defineLog();
     void defineStorage();
+    void defineNames();
     void defineLifPorts();
     void defineQuestions();
     void defineZone(CLI::App *hdfs, const std::string &name, const std::string &text);
@@ -94,6 +95,7 @@ Grammar::Grammar()
     defineCommands();
     defineLog();
     defineStorage();
+    defineNames();
     defineLifPorts();
     defineQuestions();
     app_.footer("Global options may also follow the command; nasctl COMMAND --help tells more of each.\n"
@@ -290,6 +292,21 @@ void Grammar::defineStorage()
                            [this](const Session &session) { return setStorageFault(session, args_.words); });
     collectWords(fault, "[TYPE|all] none|slow MS|timeout|short BYTES|fail CODE",
                  "An answer as it should be, late, none, cut, or an error", args_.words, true);
+}
+
+void Grammar::defineNames()
+{
+    CLI::App *ns = family("ns", "The version record in the cluster's name service: show, create, read, publish");
+    leaf(ns, "show", "The node's copy of it, without asking the cluster store", showName);
+    leaf(ns, "create", "Create it, unless it is there", createName);
+    leaf(ns, "read", "Read it anew", readName);
+    CLI::App *publish = leaf(ns, "publish", "Publish a new FL",
+                             [this](const Session &session) { return publishName(session, *args_.value); });
+    addText(publish, "FL", args_.value, "0 to 4294967295", "")->required();
+    CLI::App *version = family("version", "Compatible-version texts: parse");
+    CLI::App *parse = leaf(version, "parse", "The versions that a text such as [1],[3-5] stands for",
+                           [this](const Session &session) { return parseVersions(session, *args_.value); });
+    addText(parse, "TEXT", args_.value, "The text", "")->required();
 }
 
 CLI::App *Grammar::recognised() const

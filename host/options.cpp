@@ -338,7 +338,8 @@ void setDefaults(NodeOptions &options)
         options.adminSocket = run + "/admin.sock";
     }
     if (options.store.file.empty() && options.store.endpoints.empty()) {
-        options.store.file = (options.root.empty() ? std::string(kStateDirectory) : options.root + "/var") + "/cluster.db";
+        options.store.file =
+            (options.root.empty() ? std::string(kStateDirectory) : options.root + "/var") + "/cluster.db";
     }
     if (options.adapters.lsIds.empty()) {
         options.adapters.lsIds = {options.nodeId};

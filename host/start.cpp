@@ -81,6 +81,20 @@ void stopStore()
     stopClusterStore();
 }
 
+// A name service that does not answer fails no start: nasctl ns create makes the name later.
+int32_t createVersionName(const NodeOptions &)
+{
+    const char *name = GetNasCtrlClusterNsName();
+    const auto store = clusterStore();
+    const StoreResult found = store->read(keyOfName(s_nasctrlDpcNsHdl, name)).result;
+    if (found == StoreResult::absent) {
+        NasCtrlDpcCreateNs(); // logs how it went
+    } else if (found == StoreResult::unknown) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "start: name %s is not looked for: %s", name, store->status().error.c_str());
+    }
+    return 0;
+}
+
 int32_t done(void (*call)())
 {
     call();
@@ -127,6 +141,7 @@ constexpr Step kSteps[] = {
     {"nas_ctrl_init", [](const NodeOptions &) { return static_cast<int32_t>(nas_ctrl_init()); }},
     {"nas_ctrl_handler_reg", [](const NodeOptions &) { return nas_ctrl_handler_reg(); }},
     {"NasCtrlClusterInit", [](const NodeOptions &) { return static_cast<int32_t>(NasCtrlClusterInit()); }},
+    {"version name", createVersionName},
     {"CM connect event", [](const NodeOptions &) { return connectCmClient(); }},
     {"service door", [](const NodeOptions &) { return done(shutServiceDoor); }},
     {"module hooks", [](const NodeOptions &) { return done(registerModuleHooks); }},

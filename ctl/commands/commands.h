@@ -68,6 +68,14 @@ int setLogLevel(const Session &session, const std::string &level, const std::opt
 // Accounts with live blocks, or all that ever had one.
 int showMemory(const Session &session, bool all);
 
+// The version record in the cluster's name service: the node's copy, or after a creation, a read or a publication.
+int showName(const Session &session);
+int createName(const Session &session);
+int readName(const Session &session);
+int publishName(const Session &session, const std::string &fl);
+// Reads a compatible-version text as the node does.
+int parseVersions(const Session &session, const std::string &text);
+
 int showStorage(const Session &session);
 // [TYPE|all] FAULT [VALUE]
 int setStorageFault(const Session &session, const Words &words);

@@ -43,6 +43,11 @@ Json getLifIndex(const CallInput &input);
 Json getLifName(const CallInput &input);
 Json postQuestion(const CallInput &input);
 Json postControlIps(const CallInput &input);
+Json getName(const CallInput &input);
+Json postName(const CallInput &input);
+Json readName(const CallInput &input);
+Json publishName(const CallInput &input);
+Json parseVersions(const CallInput &input);
 
 // What the node counts, as Prometheus text.
 std::string metricsText();

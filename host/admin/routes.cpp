@@ -54,6 +54,11 @@ constexpr std::array kRoutes = {
     Route{"GET", "/v1/lif/name/*", Lane::question, json<getLifName>},
     Route{"POST", "/v1/ask/*", Lane::question, json<postQuestion>},
     Route{"POST", "/v1/ctrl-ips", Lane::question, json<postControlIps>},
+    Route{"GET", "/v1/name", Lane::read, json<getName>},
+    Route{"POST", "/v1/name", Lane::question, json<postName>},
+    Route{"POST", "/v1/name/read", Lane::question, json<readName>},
+    Route{"POST", "/v1/name/publish", Lane::question, json<publishName>},
+    Route{"POST", "/v1/versions", Lane::read, json<parseVersions>},
     Route{"GET", "/v1/storage/faults", Lane::question, json<getStorageFaults>},
     Route{"POST", "/v1/storage/faults", Lane::question, json<postStorageFault>},
 };

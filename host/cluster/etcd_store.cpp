@@ -12,7 +12,8 @@ namespace {
 using nlohmann::json;
 
 // An answer that is not what etcd says leaves a call's fate as open as no answer.
-template <typename Work> auto answered(StoreHealth &health, Work work) -> decltype(work())
+template <typename Work>
+auto answered(StoreHealth &health, Work work) -> decltype(work())
 {
     try {
         return work();
@@ -31,8 +32,8 @@ json compareVersion(const std::string &key, const char *how, uint64_t version)
 
 json putOf(const std::string &key, const std::string &value, StoreLease lease)
 {
-    return {{"request_put",
-             {{"key", toEtcdBytes(key)}, {"value", toEtcdBytes(value)}, {"lease", std::to_string(lease)}}}};
+    return {
+        {"request_put", {{"key", toEtcdBytes(key)}, {"value", toEtcdBytes(value)}, {"lease", std::to_string(lease)}}}};
 }
 
 // Whether the key is there at all, for a change that is refused.
@@ -140,8 +141,7 @@ StoreWrite EtcdStore::create(const std::string &key, const std::string &value, S
 StoreWrite EtcdStore::write(const std::string &key, const std::string &value, uint64_t version, StoreLease lease)
 {
     return answered(health_, [&] {
-        const json compare =
-            json::array({compareVersion(key, "EQUAL", version), compareVersion(key, "GREATER", 0)});
+        const json compare = json::array({compareVersion(key, "EQUAL", version), compareVersion(key, "GREATER", 0)});
         return transact(compare, putOf(key, value, lease), key, version + 1);
     });
 }
@@ -201,10 +201,11 @@ StoreGrant EtcdStore::keepAlive(StoreLease lease)
 
 StoreResult EtcdStore::revoke(StoreLease lease)
 {
-    return answered(health_, [&] {
-               const EtcdReply reply = client_.change("/v3/lease/revoke", {{"ID", std::to_string(lease)}});
-               return StoreWrite{reply.refused ? StoreResult::noLease : StoreResult::done};
-           })
+    return answered(health_,
+                    [&] {
+                        const EtcdReply reply = client_.change("/v3/lease/revoke", {{"ID", std::to_string(lease)}});
+                        return StoreWrite{reply.refused ? StoreResult::noLease : StoreResult::done};
+                    })
         .result;
 }
 

@@ -215,7 +215,7 @@ int32_t ns_set(uint32_t handle, const char *name, const void *value, uint32_t le
         return -EINVAL;
     }
     const auto service = host::ownService();
-    return service ? service->set(host::keyOfName(handle, name), host::viewOf(value, length), expected_version,
-                                  *out_state)
-                   : -ENOTCONN;
+    return service
+               ? service->set(host::keyOfName(handle, name), host::viewOf(value, length), expected_version, *out_state)
+               : -ENOTCONN;
 }

@@ -1,9 +1,9 @@
 /*
  * The cluster store in a SQLite file that the processes of one machine share.
  *
- * One connection serves the calls, under callMutex_; each watch has a thread and a connection of its own, so that a slow
- * callback holds up nobody. Whoever meets an overdue lease ends it: a call before its own work, a watch when it looks.
- * Nobody else could tell that the lease's keys are still there.
+ * One connection serves the calls, under callMutex_; each watch has a thread and a connection of its own, so that a
+ * slow callback holds up nobody. Whoever meets an overdue lease ends it: a call before its own work, a watch when it
+ * looks. Nobody else could tell that the lease's keys are still there.
  *
  * Lock order: callMutex_, then the file's own lock between processes. Callbacks run under no lock.
  */
@@ -89,8 +89,10 @@ public:
 
 private:
     // Runs the work in a transaction; a default answer, which is unknown, when the file cannot be had.
-    template <typename Work> auto call(Kind kind, Work work) -> decltype(work());
-    template <typename Work> auto transact(Kind kind, Work &work, steady_clock::time_point until) -> decltype(work());
+    template <typename Work>
+    auto call(Kind kind, Work work) -> decltype(work());
+    template <typename Work>
+    auto transact(Kind kind, Work &work, steady_clock::time_point until) -> decltype(work());
     bool leaseIsGone(StoreLease lease) { return lease != 0 && !tables_.hasLease(lease); }
 
     const StoreSettings settings_;
@@ -110,13 +112,14 @@ StoreSettings withClock(StoreSettings settings)
 }
 
 SqliteStore::SqliteStore(const StoreSettings &settings)
-    : settings_(withClock(settings)), health_(settings.file), file_(settings.file, SqliteFile::Open::orMake, settings.timeout),
-      tables_(file_, settings.remembered)
+    : settings_(withClock(settings)), health_(settings.file),
+      file_(settings.file, SqliteFile::Open::orMake, settings.timeout), tables_(file_, settings.remembered)
 {
     prepareTables(file_);
 }
 
-template <typename Work> auto SqliteStore::call(Kind kind, Work work) -> decltype(work())
+template <typename Work>
+auto SqliteStore::call(Kind kind, Work work) -> decltype(work())
 {
     const auto until = steady_clock::now() + settings_.timeout;
     const TimedHold hold(callMutex_, settings_.timeout);
@@ -186,8 +189,7 @@ StoreWrite SqliteStore::write(const std::string &key, const std::string &value, 
         if (!item || item->version != version) {
             return {item ? StoreResult::differs : StoreResult::absent};
         }
-        return leaseIsGone(lease) ? StoreWrite{StoreResult::noLease}
-                                  : tables_.put({key, value, version + 1, 0, lease});
+        return leaseIsGone(lease) ? StoreWrite{StoreResult::noLease} : tables_.put({key, value, version + 1, 0, lease});
     });
 }
 
@@ -204,8 +206,7 @@ StoreWrite SqliteStore::remove(const std::string &key, uint64_t version)
 
 StoreList SqliteStore::list(const std::string &prefix)
 {
-    return call(Kind::read,
-                [&] { return StoreList{StoreResult::done, tables_.items(prefix), tables_.revision()}; });
+    return call(Kind::read, [&] { return StoreList{StoreResult::done, tables_.items(prefix), tables_.revision()}; });
 }
 
 StoreGrant SqliteStore::grant(std::chrono::seconds ttl)
@@ -223,13 +224,14 @@ StoreGrant SqliteStore::keepAlive(StoreLease lease)
 
 StoreResult SqliteStore::revoke(StoreLease lease)
 {
-    return call(Kind::change, [&] {
-               if (!tables_.hasLease(lease)) {
-                   return StoreWrite{StoreResult::noLease};
-               }
-               tables_.endLease(lease);
-               return StoreWrite{StoreResult::done};
-           })
+    return call(Kind::change,
+                [&] {
+                    if (!tables_.hasLease(lease)) {
+                        return StoreWrite{StoreResult::noLease};
+                    }
+                    tables_.endLease(lease);
+                    return StoreWrite{StoreResult::done};
+                })
         .result;
 }
 
@@ -241,8 +243,8 @@ void SqliteStore::endDueLeases()
 class SqliteWatch : public StoreWatch {
 public:
     SqliteWatch(SqliteStore &store, std::string prefix, uint64_t revision, StoreCallback callback)
-        : store_(store), prefix_(std::move(prefix)), callback_(std::move(callback)), fromTheBeginning_(revision == 0),
-          cursor_{revision + 1, {}}, thread_([this] { run(); })
+        : store_(store), prefix_(std::move(prefix)), callback_(std::move(callback)),
+          fromTheBeginning_(revision == 0), cursor_{revision + 1, {}}, thread_([this] { run(); })
     {
     }
     ~SqliteWatch() override

@@ -103,8 +103,7 @@ std::optional<StoreItem> SqliteTables::itemAt(const std::string &key, uint64_t v
 std::vector<StoreItem> SqliteTables::items(const std::string &prefix)
 {
     std::vector<StoreItem> items;
-    SqliteQuery row =
-        file_.query("SELECT key, value, version, revision, lease FROM item WHERE key >= ? ORDER BY key");
+    SqliteQuery row = file_.query("SELECT key, value, version, revision, lease FROM item WHERE key >= ? ORDER BY key");
     row.bytes(prefix);
     while (row.next()) {
         StoreItem item = itemOf(row);
@@ -118,8 +117,9 @@ std::vector<StoreItem> SqliteTables::items(const std::string &prefix)
 
 uint64_t SqliteTables::newRevision()
 {
-    SqliteQuery row = file_.query("UPDATE store SET revision = revision + 1, forgotten = max(forgotten, revision + 1 - ?)"
-                                  " RETURNING revision, forgotten");
+    SqliteQuery row =
+        file_.query("UPDATE store SET revision = revision + 1, forgotten = max(forgotten, revision + 1 - ?)"
+                    " RETURNING revision, forgotten");
     row.number(remembered_).next();
     const uint64_t revision = row.numberAt(0);
     const uint64_t forgotten = row.numberAt(1);
@@ -189,8 +189,9 @@ bool SqliteTables::hasLease(StoreLease lease)
 void SqliteTables::endLease(StoreLease lease)
 {
     if (file_.query("SELECT 1 FROM item WHERE lease != 0 AND lease = ?").number(lease).next()) {
-        file_.query("INSERT INTO change(revision, key, kind, value, version, lease)"
-                    " SELECT ?, key, 1, x'', 0, 0 FROM item WHERE lease != 0 AND lease = ?")
+        file_
+            .query("INSERT INTO change(revision, key, kind, value, version, lease)"
+                   " SELECT ?, key, 1, x'', 0, 0 FROM item WHERE lease != 0 AND lease = ?")
             .number(newRevision())
             .number(lease)
             .run();

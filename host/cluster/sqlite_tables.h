@@ -25,7 +25,10 @@ public:
     SqliteTables(SqliteFile &file, uint32_t remembered) : file_(file), remembered_(remembered) {}
 
     uint64_t revision() { return file_.numberOf("SELECT revision FROM store"); }
-    uint64_t forgotten() { return file_.numberOf("SELECT forgotten FROM store"); } // newest revision without its changes
+    uint64_t forgotten()
+    {
+        return file_.numberOf("SELECT forgotten FROM store");
+    } // newest revision without its changes
 
     std::optional<StoreItem> item(const std::string &key);
     std::optional<StoreItem> itemAt(const std::string &key, uint64_t version);

@@ -90,8 +90,8 @@ struct StoreEvent {
     StoreItem item; // lost: only the revision
 };
 
-// Runs on a thread of the store, one call at a time for a watch, in the order of the revisions. Must not throw, and must
-// not stop its own watch. Changes of one revision (a lease's keys) come one by one, ordered by key.
+// Runs on a thread of the store, one call at a time for a watch, in the order of the revisions. Must not throw, and
+// must not stop its own watch. Changes of one revision (a lease's keys) come one by one, ordered by key.
 using StoreCallback = std::function<void(const StoreEvent &event)>;
 
 // A running watch. Its destructor stops it: when that returns, the callback has ended and will not run again.
@@ -154,9 +154,9 @@ public:
     virtual StoreStatus status() const = 0;
 };
 
-// As create and write, but a lost answer is settled: the value is read back, and when the key held it at the version that
-// follows, the write is done. For values that nobody else writes. Unknown only when the store cannot be read either, or
-// no longer remembers; waits for up to four time-outs.
+// As create and write, but a lost answer is settled: the value is read back, and when the key held it at the version
+// that follows, the write is done. For values that nobody else writes. Unknown only when the store cannot be read
+// either, or no longer remembers; waits for up to four time-outs.
 StoreWrite createSettled(Store &store, const std::string &key, const std::string &value, StoreLease lease = 0);
 StoreWrite writeSettled(Store &store, const std::string &key, const std::string &value, uint64_t version,
                         StoreLease lease = 0);
@@ -175,8 +175,8 @@ struct StoreSettings {
 // "sqlite:PATH" or "etcd:URL[,URL...]". Throws std::invalid_argument: what the text is not.
 StoreSettings parseStore(const std::string &text);
 
-// Throws std::runtime_error with one clear line when the SQLite file cannot be had. An etcd that cannot be reached is no
-// error here: its calls are unknown until it can.
+// Throws std::runtime_error with one clear line when the SQLite file cannot be had. An etcd that cannot be reached is
+// no error here: its calls are unknown until it can.
 std::unique_ptr<Store> openStore(const StoreSettings &settings);
 
 // The node's own store, null before its start step ran and after it was undone; hold it no longer than needed.

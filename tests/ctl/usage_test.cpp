@@ -23,16 +23,16 @@ const WrongLine kWrongLines[] = {
     {"NoCommand",
      {},
      "which command? there are status, power, config, mem, ip, cluster, msg, cmd, log, "
-     "storage, lif, hdfs, ifaces, ctrl-ips"},
+     "storage, ns, version, lif, hdfs, ifaces, ctrl-ips"},
     {"MisspeltCommand", {"statsu"}, "statsu: no such command; did you mean status?"},
     {"StrangeCommand",
      {"frobnicate"},
      "frobnicate: no such command; there are status, power, config, mem, ip, cluster, msg, cmd, log, "
-     "storage, lif, hdfs, ifaces, ctrl-ips"},
+     "storage, ns, version, lif, hdfs, ifaces, ctrl-ips"},
     {"EmptyCommand",
      {""},
      "\"\": no such command; there are status, power, config, mem, ip, cluster, msg, cmd, log, "
-     "storage, lif, hdfs, ifaces, ctrl-ips"},
+     "storage, ns, version, lif, hdfs, ifaces, ctrl-ips"},
     {"CommandOfTwoLines", {"stat\nus"}, "stat\\nus: no such command; did you mean status?"},
     {"NoFaultAtAll",
      {"storage", "fault"},

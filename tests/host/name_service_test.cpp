@@ -44,7 +44,8 @@ Found readName(NameService &names, const std::string &key)
 
 const std::string kKey = "nasctrl/names/0/NAME";
 
-template <typename Backend> class NameServiceSuite : public testing::Test {
+template <typename Backend>
+class NameServiceSuite : public testing::Test {
 protected:
     std::shared_ptr<host::Store> open() { return host::openStore(backend_.settings()); }
 
@@ -54,7 +55,8 @@ protected:
 };
 
 struct BackendNames {
-    template <typename Backend> static std::string GetName(int)
+    template <typename Backend>
+    static std::string GetName(int)
     {
         return std::is_same_v<Backend, store_test::SqliteBackend> ? "Sqlite" : "Etcd";
     }
@@ -170,8 +172,7 @@ int publish(NameService &names, const std::string &node, int count)
     for (int done = 0; done < count;) {
         const Found found = readName(names, kKey);
         ns_state_t state{};
-        const int32_t code =
-            names.set(kKey, node + std::to_string(done), static_cast<uint64_t>(found.version), state);
+        const int32_t code = names.set(kKey, node + std::to_string(done), static_cast<uint64_t>(found.version), state);
         EXPECT_TRUE(code == 0 || code == -ESTALE) << code;
         (code == 0 ? done : lost) += 1;
     }

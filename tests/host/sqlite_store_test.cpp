@@ -57,7 +57,8 @@ std::string refusalOf(const std::string &file)
 }
 
 // A process that runs the work and leaves without any of the test's clean-up.
-template <typename Work> pid_t startProcess(Work work)
+template <typename Work>
+pid_t startProcess(Work work)
 {
     const pid_t pid = fork();
     if (pid == 0) {

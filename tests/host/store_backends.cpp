@@ -200,7 +200,8 @@ void EtcdBackend::forget(host::Store &store) const
 {
     changeAside(store); // the newest revision is never forgotten
     const std::string request = "{\"revision\":\"" + std::to_string(store.list("").revision) + "\",\"physical\":true}";
-    const std::string call = "curl --noproxy '*' -sf -o /dev/null -d '" + request + "' " + endpoint_ + "/v3/kv/compaction";
+    const std::string call =
+        "curl --noproxy '*' -sf -o /dev/null -d '" + request + "' " + endpoint_ + "/v3/kv/compaction";
     if (std::system(call.c_str()) != 0) {
         throw std::runtime_error("etcd does not compact");
     }
@@ -260,7 +261,8 @@ std::vector<std::string> told(const std::vector<host::StoreEvent> &events)
 
 // ---- losses
 
-template <typename Change> host::StoreWrite LossyStore::change(Change made)
+template <typename Change>
+host::StoreWrite LossyStore::change(Change made)
 {
     ++changes_;
     const Loss loss = std::exchange(loss_, Loss::none);

@@ -8,8 +8,8 @@ using host::StoreEvent;
 using host::StoreItem;
 using host::StoreResult;
 using host::StoreWrite;
-using store_test::eventually;
 using store_test::Events;
+using store_test::eventually;
 using store_test::LossyStore;
 using store_test::told;
 using testing::ElementsAre;
@@ -30,7 +30,8 @@ std::vector<std::string> keysOf(const host::StoreList &list)
     return keys;
 }
 
-template <typename Backend> class StoreSuite : public testing::Test {
+template <typename Backend>
+class StoreSuite : public testing::Test {
 protected:
     std::unique_ptr<host::Store> open() { return host::openStore(backend_.settings()); }
 
@@ -39,7 +40,8 @@ protected:
 };
 
 struct BackendNames {
-    template <typename Backend> static std::string GetName(int)
+    template <typename Backend>
+    static std::string GetName(int)
     {
         return std::is_same_v<Backend, store_test::SqliteBackend> ? "Sqlite" : "Etcd";
     }
