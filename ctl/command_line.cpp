@@ -47,6 +47,7 @@ private:
     void defineLog();
     void defineStorage();
     void defineClients();
+    void defineNames();
     void defineLifPorts();
     void defineVpcs();
     void defineQuestions();
@@ -101,6 +102,7 @@ Grammar::Grammar()
     defineLog();
     defineStorage();
     defineClients();
+    defineNames();
     defineLifPorts();
     defineVpcs();
     defineQuestions();
@@ -371,6 +373,21 @@ void Grammar::defineLocks()
     for (CLI::App *command : {take, release}) {
         addText(command, "--ls", args_.lsId, "LS id of the client", "ID")->required();
     }
+}
+
+void Grammar::defineNames()
+{
+    CLI::App *ns = family("ns", "The version record in the cluster's name service: show, create, read, publish");
+    leaf(ns, "show", "The node's copy of it, without asking the cluster store", showName);
+    leaf(ns, "create", "Create it, unless it is there", createName);
+    leaf(ns, "read", "Read it anew", readName);
+    CLI::App *publish = leaf(ns, "publish", "Publish a new FL",
+                             [this](const Session &session) { return publishName(session, *args_.value); });
+    addText(publish, "FL", args_.value, "0 to 4294967295", "")->required();
+    CLI::App *version = family("version", "Compatible-version texts: parse");
+    CLI::App *parse = leaf(version, "parse", "The versions that a text such as [1],[3-5] stands for",
+                           [this](const Session &session) { return parseVersions(session, *args_.value); });
+    addText(parse, "TEXT", args_.value, "The text", "")->required();
 }
 
 CLI::App *Grammar::recognised() const

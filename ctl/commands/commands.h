@@ -97,6 +97,14 @@ int leaveCluster(const Session &session, const std::string &lsId);
 int killClient(const Session &session, const std::string &lsId);
 int faultClient(const Session &session, const std::string &lsId, const std::optional<std::string> &reason);
 
+// The version record in the cluster's name service: the node's copy, or after a creation, a read or a publication.
+int showName(const Session &session);
+int createName(const Session &session);
+int readName(const Session &session);
+int publishName(const Session &session, const std::string &fl);
+// Reads a compatible-version text as the node does.
+int parseVersions(const Session &session, const std::string &text);
+
 int showStorage(const Session &session);
 // [TYPE|all] FAULT [VALUE]
 int setStorageFault(const Session &session, const Words &words);

@@ -64,6 +64,11 @@ Json getEvents(const CallInput &input);
 Json getFileLocks(const CallInput &input);
 Json postFileLock(const CallInput &input);
 Json deleteFileLock(const CallInput &input);
+Json getName(const CallInput &input);
+Json postName(const CallInput &input);
+Json readName(const CallInput &input);
+Json publishName(const CallInput &input);
+Json parseVersions(const CallInput &input);
 
 // What the node counts, as Prometheus text.
 std::string metricsText();

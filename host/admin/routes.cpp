@@ -77,6 +77,11 @@ constexpr std::array kRoutes = {
     Route{"GET", "/v1/locks", Lane::read, json<getFileLocks>},
     Route{"POST", "/v1/locks", Lane::change, json<postFileLock>},
     Route{"DELETE", "/v1/locks", Lane::change, json<deleteFileLock>},
+    Route{"GET", "/v1/name", Lane::read, json<getName>},
+    Route{"POST", "/v1/name", Lane::question, json<postName>},
+    Route{"POST", "/v1/name/read", Lane::question, json<readName>},
+    Route{"POST", "/v1/name/publish", Lane::question, json<publishName>},
+    Route{"POST", "/v1/versions", Lane::read, json<parseVersions>},
 };
 
 bool pathMatches(const Route &route, std::string_view path)

@@ -41,7 +41,7 @@ struct CmEvent {
 };
 
 NodeLeaseSettings s_settings;
-std::shared_ptr<Store> s_store;
+std::shared_ptr<Store> &s_store = *new std::shared_ptr<Store>; // outlives the threads of the library
 std::atomic<ClusterAgent *> s_agent{nullptr};
 std::thread s_thread;
 

@@ -112,8 +112,8 @@ StoreSettings withClock(StoreSettings settings)
 }
 
 SqliteStore::SqliteStore(const StoreSettings &settings)
-    : settings_(withClock(settings)), health_(settings.file), file_(settings.file, SqliteFile::Open::orMake, settings.timeout),
-      tables_(file_, settings.remembered)
+    : settings_(withClock(settings)), health_(settings.file),
+      file_(settings.file, SqliteFile::Open::orMake, settings.timeout), tables_(file_, settings.remembered)
 {
     prepareTables(file_);
 }

@@ -126,7 +126,8 @@ public:
     host::StoreStatus status() const override { return store_.status(); }
 
 private:
-    template <typename Change> host::StoreWrite change(Change made);
+    template <typename Change>
+    host::StoreWrite change(Change made);
 
     host::Store &store_;
     Loss loss_ = Loss::none;
