@@ -114,6 +114,8 @@ TEST(Options, TakeEveryFlag)
                                        "/s",
                                        "--storage-timeout-ms",
                                        "250",
+                                       "--lease",
+                                       "30",
                                        "--message-clients",
                                        "5",
                                        "--log-file",
@@ -148,6 +150,7 @@ TEST(Options, TakeEveryFlag)
     EXPECT_EQ(options.adminSocket, "/a");
     EXPECT_EQ(options.messages.storageSocketPath, "/s");
     EXPECT_EQ(options.messages.storageTimeout, std::chrono::milliseconds(250));
+    EXPECT_EQ(options.lease, std::chrono::seconds(30));
     EXPECT_EQ(options.messages.clients, 5U);
     EXPECT_TRUE(options.adapters.hasStorage);
     EXPECT_EQ(options.log.file, "/l");
