@@ -16,6 +16,7 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
+#include <nasctrl/config.h>
 #include <nasctrl/control.h>
 #include <nasctrl/host/adapters.h>
 #include <nasctrl/host/cluster.h>
