@@ -31,7 +31,10 @@ list_contract() {
 # Always from a build of its own, so that the description does not depend on what else is being tested.
 describe_all() {
     cmake --preset abi >/dev/null
-    cmake --build --preset abi --parallel --target nasctrl minimal_host nasctrl-hostcheck >/dev/null
+    cmake --build --preset abi --parallel --target nasctrl minimal_host nasctrl-hostcheck >"$build/build.log" || {
+        cat "$build/build.log" >&2
+        exit 1
+    }
     build_records
     list_contract >"$build/contract.list" || true # /bin/true is no host, as the exit code says
     describe "$1/libnasctrl.abi" "$(realpath "$library")" --exported-interfaces-only
