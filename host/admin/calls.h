@@ -39,6 +39,13 @@ Json postStorageFault(const CallInput &input);
 Json getMonitor(const CallInput &input);
 Json putMonitor(const CallInput &input);
 Json explainIp(const CallInput &input);
+Json getView(const CallInput &input);
+Json getMaster(const CallInput &input);
+Json getClient(const CallInput &input);
+Json joinCluster(const CallInput &input);
+Json keepInCluster(const CallInput &input);
+Json leaveCluster(const CallInput &input);
+Json reportFault(const CallInput &input);
 Json getLifPorts(const CallInput &input);
 Json postLifPort(const CallInput &input);
 Json deleteLifPort(const CallInput &input);
@@ -57,6 +64,11 @@ Json getEvents(const CallInput &input);
 Json getFileLocks(const CallInput &input);
 Json postFileLock(const CallInput &input);
 Json deleteFileLock(const CallInput &input);
+Json getName(const CallInput &input);
+Json postName(const CallInput &input);
+Json readName(const CallInput &input);
+Json publishName(const CallInput &input);
+Json parseVersions(const CallInput &input);
 
 // What the node counts, as Prometheus text.
 std::string metricsText();

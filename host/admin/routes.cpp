@@ -50,6 +50,13 @@ constexpr std::array kRoutes = {
     Route{"GET", "/v1/monitor", Lane::read, json<getMonitor>},
     Route{"PUT", "/v1/monitor", Lane::change, json<putMonitor>},
     Route{"GET", "/v1/ips/*", Lane::read, json<explainIp>},
+    Route{"GET", "/v1/view", Lane::read, json<getView>},
+    Route{"GET", "/v1/master", Lane::read, json<getMaster>},
+    Route{"GET", "/v1/dpc/*", Lane::read, json<getClient>},
+    Route{"POST", "/v1/dpc/join/*", Lane::question, json<joinCluster>},
+    Route{"POST", "/v1/dpc/keep/*", Lane::question, json<keepInCluster>},
+    Route{"POST", "/v1/dpc/leave/*", Lane::question, json<leaveCluster>},
+    Route{"POST", "/v1/dpc/fault/*", Lane::question, json<reportFault>},
     Route{"GET", "/v1/lif", Lane::read, json<getLifPorts>},
     Route{"POST", "/v1/lif", Lane::change, json<postLifPort>},
     Route{"DELETE", "/v1/lif/*", Lane::change, json<deleteLifPort>},
@@ -70,6 +77,11 @@ constexpr std::array kRoutes = {
     Route{"GET", "/v1/locks", Lane::read, json<getFileLocks>},
     Route{"POST", "/v1/locks", Lane::change, json<postFileLock>},
     Route{"DELETE", "/v1/locks", Lane::change, json<deleteFileLock>},
+    Route{"GET", "/v1/name", Lane::read, json<getName>},
+    Route{"POST", "/v1/name", Lane::question, json<postName>},
+    Route{"POST", "/v1/name/read", Lane::question, json<readName>},
+    Route{"POST", "/v1/name/publish", Lane::question, json<publishName>},
+    Route{"POST", "/v1/versions", Lane::read, json<parseVersions>},
 };
 
 bool pathMatches(const Route &route, std::string_view path)
