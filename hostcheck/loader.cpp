@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <link.h>
 #include <sstream>
+#include <sys/auxv.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,13 +20,10 @@ std::string loaderPath()
     std::string path;
     dl_iterate_phdr(
         [](dl_phdr_info *info, size_t, void *out) {
-            for (int i = 0; i < info->dlpi_phnum; ++i) {
-                if (info->dlpi_phdr[i].p_type == PT_INTERP) {
-                    *static_cast<std::string *>(out) =
-                        reinterpret_cast<const char *>(info->dlpi_addr + info->dlpi_phdr[i].p_vaddr);
-                }
+            if (info->dlpi_addr == getauxval(AT_BASE)) {
+                *static_cast<std::string *>(out) = info->dlpi_name;
             }
-            return 1; // the program itself comes first
+            return 0;
         },
         &path);
     return path;
