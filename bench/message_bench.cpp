@@ -4,67 +4,22 @@
  */
 #include "message/message_service.h"
 #include "platform/log.h"
+#include "socket_echo.h"
 
-#include <algorithm>
 #include <array>
 #include <benchmark/benchmark.h>
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <nasctrl/nasctrl.h>
 #include <stdexcept>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
 constexpr size_t kHeader = 24;
 constexpr size_t kNotice = 516;
-
-std::string temporaryDirectory()
-{
-    std::string name = "/tmp/nasctrl-bench.XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp");
-    }
-    return name;
-}
-
-void sendAll(int socket, const char *bytes, size_t length)
-{
-    if (send(socket, bytes, length, MSG_NOSIGNAL) != static_cast<ssize_t>(length)) {
-        throw std::runtime_error("send");
-    }
-}
-
-void receiveAll(int socket, char *bytes, size_t length)
-{
-    if (recv(socket, bytes, length, MSG_WAITALL) != static_cast<ssize_t>(length)) {
-        throw std::runtime_error("recv");
-    }
-}
-
-// One call after the other; reports the median, which a scheduling hiccup does not move.
-void measure(benchmark::State &state, int socket, const std::string &request, size_t replyLength)
-{
-    std::vector<double> microseconds;
-    std::vector<char> reply(replyLength);
-    for (auto _ : state) {
-        const auto start = std::chrono::steady_clock::now();
-        sendAll(socket, request.data(), request.size());
-        receiveAll(socket, reply.data(), reply.size());
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(took.count());
-        microseconds.push_back(took.count() * 1e6);
-    }
-    auto middle = microseconds.begin() + static_cast<std::ptrdiff_t>(microseconds.size() / 2);
-    std::nth_element(microseconds.begin(), middle, microseconds.end());
-    state.counters["median_us"] = *middle;
-}
 
 std::string frame(uint32_t opcode, const std::string &payload)
 {
@@ -88,7 +43,7 @@ int connectTo(const std::string &path)
 const std::string &serviceSocket()
 {
     static const std::string path = [] {
-        const std::string directory = temporaryDirectory();
+        const std::string directory = bench::temporaryDirectory();
         host::LogSettings log;
         log.console = false;
         log.file = directory + "/node.log";
@@ -105,21 +60,7 @@ const std::string &serviceSocket()
 
 void bareEcho(benchmark::State &state)
 {
-    std::array<int, 2> ends{};
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) != 0) {
-        throw std::runtime_error("socketpair");
-    }
-    const size_t length = kHeader + kNotice;
-    std::thread echo([&] {
-        std::vector<char> bytes(length);
-        while (recv(ends[1], bytes.data(), length, MSG_WAITALL) == static_cast<ssize_t>(length)) {
-            sendAll(ends[1], bytes.data(), length);
-        }
-    });
-    measure(state, ends[0], std::string(length, 'x'), length);
-    close(ends[0]);
-    echo.join();
-    close(ends[1]);
+    bench::measureBareEcho(state, kHeader + kNotice, kHeader + kNotice);
 }
 BENCHMARK(bareEcho)->UseManualTime()->Iterations(50000);
 
@@ -129,7 +70,7 @@ void noticeCall(benchmark::State &state, uint32_t threshold)
     host::setLogThreshold(threshold);
     std::string notice(kNotice, '\0');
     std::strcpy(&notice[4], "notify_eds_change_ip");
-    measure(state, client, frame(1, notice), kHeader + kNotice);
+    bench::measureExchange(state, client, frame(1, notice), kHeader + kNotice);
     close(client);
 }
 BENCHMARK_CAPTURE(noticeCall, errorsLogged, NASCTRL_LOG_ERROR)->UseManualTime()->Iterations(50000);
@@ -139,7 +80,7 @@ BENCHMARK_CAPTURE(noticeCall, everythingLogged, NASCTRL_LOG_INFO)->UseManualTime
 void fixedReplyCall(benchmark::State &state)
 {
     const int client = connectTo(serviceSocket());
-    measure(state, client, frame(2, std::string(kNotice, 'x')), kHeader + 8);
+    bench::measureExchange(state, client, frame(2, std::string(kNotice, 'x')), kHeader + 8);
     close(client);
 }
 BENCHMARK(fixedReplyCall)->UseManualTime()->Iterations(50000);

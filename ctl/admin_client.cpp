@@ -25,7 +25,7 @@ struct Refusal {
 constexpr Refusal kRefusals[] = {
     {400, "refused by the node", ""},
     {403, "refused by the node", "; run nasctl as the node's own user or as root"},
-    {404, "not known to the node", "; if the name is right, node and nasctl are of different versions"},
+    {404, "not known to the node", ""},
     {405, "not offered by the node", "; node and nasctl are of different versions"},
     {409, "refused by the node", ""},
     {500, "the node failed", "; its log tells more"},

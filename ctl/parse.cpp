@@ -28,6 +28,32 @@ void checkAddress(const std::string &text)
     }
 }
 
+static bool isIpv4(const std::string &text)
+{
+    in_addr room{};
+    return inet_pton(AF_INET, text.c_str(), &room) == 1;
+}
+
+void checkIpv4(const std::string &text)
+{
+    if (!isIpv4(text)) {
+        throw UsageFailure(nameable(text) + " is not an IPv4 address");
+    }
+}
+
+void checkNetwork(const std::string &text)
+{
+    constexpr unsigned kMaxLength = 32;
+    const size_t slash = text.find('/');
+    const char *end = text.data() + text.size();
+    const char *begin = slash == std::string::npos ? end : text.data() + slash + 1;
+    unsigned length = 0;
+    const auto [stop, error] = std::from_chars(begin, end, length);
+    if (error != std::errc() || stop != end || length > kMaxLength || !isIpv4(text.substr(0, slash))) {
+        throw UsageFailure(nameable(text) + " is not a network, which is an IPv4 address and a length: 10.1.0.0/16");
+    }
+}
+
 static bool isBlank(char c)
 {
     return std::isspace(static_cast<unsigned char>(c)) != 0;

@@ -5,20 +5,24 @@
 
 #include "admin/admin_server.h"
 #include "cluster/cm_client.h"
+#include "cluster/name_service.h"
 #include "config/ini_file.h"
 #include "node.h"
 #include "power.h"
 #include "storage/embedded.h"
 
 #include <filesystem>
+#include <nasctrl/host/config.h>
 #include <nasctrl/nasctrl.h>
 #include <system_error>
 
 namespace host {
 namespace {
 
-constexpr const char *kConfigurationFiles[] = {"/opt/marovesta/brisqueta/conf/dpc.conf",
-                                               "/opt/ostrak/eds/eds-f/conf/EBSServer.cfg"};
+constexpr const char *kDeploymentFile = "/opt/marovesta/brisqueta/conf/dpc.conf";
+constexpr const char *kConfigurationFiles[] = {kDeploymentFile, "/opt/ostrak/eds/eds-f/conf/EBSServer.cfg"};
+
+constexpr const char *kVpcDirectory = "/opt/dr/config";
 
 struct Step {
     const char *name;
@@ -67,6 +71,52 @@ int32_t setPeriod(const NodeOptions &options)
     return options.period ? NasIpMgrSetIpQueryPeriod(std::to_string(*options.period).c_str()) : 0;
 }
 
+// The shard view reads the file by its path, for which it has to be loaded by its path too.
+int32_t buildShardView(const NodeOptions & /*options*/)
+{
+    const int32_t loaded = ProtoCfgLoadFile(kDeploymentFile);
+    return loaded != 0 ? loaded : static_cast<int32_t>(stub_initShardView(kDeploymentFile));
+}
+
+// The library makes the file of its VPC table but not the folder; a node that cannot have one runs without.
+int32_t startCloudAdapter(const NodeOptions &options)
+{
+    std::error_code error;
+    std::filesystem::create_directories(kVpcDirectory, error);
+    if (error) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "start: %s%s cannot be made: %s; the VPC table cannot be saved",
+                 options.root.c_str(), kVpcDirectory, error.message().c_str());
+    }
+    return NasCloudAdaptInit();
+}
+
+int32_t startStore(const NodeOptions &options)
+{
+    startClusterStore(options.store);
+    startNameService();
+    return 0;
+}
+
+void stopStore()
+{
+    stopNameService();
+    stopClusterStore();
+}
+
+// A name service that does not answer fails no start: nasctl ns create makes the name later.
+int32_t createVersionName(const NodeOptions &)
+{
+    const char *name = GetNasCtrlClusterNsName();
+    const auto store = clusterStore();
+    const StoreResult found = store->read(keyOfName(s_nasctrlDpcNsHdl, name)).result;
+    if (found == StoreResult::absent) {
+        NasCtrlDpcCreateNs(); // logs how it went
+    } else if (found == StoreResult::unknown) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "start: name %s is not looked for: %s", name, store->status().error.c_str());
+    }
+    return 0;
+}
+
 int32_t done(void (*call)())
 {
     call();
@@ -106,13 +156,22 @@ constexpr Step kSteps[] = {
          return 0;
      },
      stopMessageService},
+    {"cluster store", startStore, stopStore},
+    {"CM client",
+     [](const NodeOptions &o) {
+         configureCmClient({o.nodeId, o.adapters.nodeName, o.lease});
+         return 0;
+     }},
     {"nas_ctrl_cluster_list_init", [](const NodeOptions &) { return done(nas_ctrl_cluster_list_init); }},
     {"DpcInitExternStub", [](const NodeOptions &) { return static_cast<int32_t>(DpcInitExternStub()); }},
     {"extern_stub_init", [](const NodeOptions &) { return static_cast<int32_t>(extern_stub_init()); }},
     {"nas_ctrl_init", [](const NodeOptions &) { return static_cast<int32_t>(nas_ctrl_init()); }},
     {"nas_ctrl_handler_reg", [](const NodeOptions &) { return nas_ctrl_handler_reg(); }},
     {"NasCtrlClusterInit", [](const NodeOptions &) { return static_cast<int32_t>(NasCtrlClusterInit()); }},
-    {"CM connect event", [](const NodeOptions &) { return connectCmClient(); }},
+    {"version name", createVersionName},
+    {"stub_initShardView", buildShardView},
+    {"nas_fmm_module_init", [](const NodeOptions &) { return nas_fmm_module_init(); }},
+    {"CM connect event", [](const NodeOptions &) { return connectCmClient(); }, stopCmClient},
     {"service door", [](const NodeOptions &) { return done(shutServiceDoor); }},
     {"module hooks", [](const NodeOptions &) { return done(registerModuleHooks); }},
     {"address query period", setPeriod},
@@ -122,6 +181,7 @@ constexpr Step kSteps[] = {
     {"nas_ctrl_power_reg", [](const NodeOptions &) { return registerPower(); }},
     {"nas_ctrl_power_on", [](const NodeOptions &) { return nas_ctrl_power_on(nullptr, nullptr); },
      [] { nas_ctrl_power_off(nullptr, nullptr); }},
+    {"NasCloudAdaptInit", startCloudAdapter},
     {"admin server",
      [](const NodeOptions &o) {
          startAdminServer(o.adminSocket);

@@ -12,6 +12,22 @@ namespace {
 using nlohmann::json;
 
 constexpr size_t kShownReason = 200;
+constexpr unsigned char kDelete = 0x7f;
+
+std::string inOneLine(const std::string &text)
+{
+    constexpr const char *kDigits = "0123456789abcdef";
+    std::string line;
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte < ' ' || byte == kDelete) {
+            line += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
+        } else {
+            line += character;
+        }
+    }
+    return line;
+}
 
 // Hands the parser its text and tells how far it has read.
 class TrackedIterator {
@@ -153,6 +169,11 @@ private:
 };
 
 } // namespace
+
+DataError::DataError(unsigned line, const std::string &why)
+    : std::runtime_error("line " + std::to_string(line) + ": " + inOneLine(why)), line_(line)
+{
+}
 
 JsonNode parseJson(const std::string &text)
 {

@@ -13,10 +13,8 @@ namespace storage {
 // What is wrong and where; what() is one line without the file's name.
 class DataError : public std::runtime_error {
 public:
-    DataError(unsigned line, const std::string &why)
-        : std::runtime_error("line " + std::to_string(line) + ": " + why), line_(line)
-    {
-    }
+    // why may quote the file: its control characters are shown as \x0a.
+    DataError(unsigned line, const std::string &why);
     unsigned line() const { return line_; }
 
 private:

@@ -87,11 +87,17 @@ uint32_t mtuOf(const std::string &name)
     return known ? static_cast<uint32_t>(request.ifr_mtu) : 0;
 }
 
+// An address may carry a label, "eth0:1", in the place of its interface's name.
+std::string nameOf(const ifaddrs &entry)
+{
+    const std::string name = entry.ifa_name;
+    return name.substr(0, name.find(':'));
+}
+
 Interface bareInterface(const ifaddrs &entry)
 {
     Interface interface;
-    // An address may carry a label, "eth0:1", in the place of its interface's name.
-    interface.name = std::string(entry.ifa_name).substr(0, std::string(entry.ifa_name).find(':'));
+    interface.name = nameOf(entry);
     interface.index = if_nametoindex(interface.name.c_str());
     interface.up = (entry.ifa_flags & IFF_UP) != 0;
     interface.running = (entry.ifa_flags & IFF_RUNNING) != 0;
@@ -108,12 +114,15 @@ std::vector<Interface> readMachineInterfaces()
     std::map<std::string, Interface> bare;
     std::vector<Interface> found;
     for (const ifaddrs *entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
-        Interface interface = bareInterface(*entry);
-        bare.emplace(interface.name, interface);
+        auto known = bare.find(nameOf(*entry));
+        if (known == bare.end()) { // asking the system for each address anew would take long where there are many
+            known = bare.emplace(nameOf(*entry), bareInterface(*entry)).first;
+        }
         const int family = entry->ifa_addr != nullptr ? entry->ifa_addr->sa_family : AF_UNSPEC;
         if ((family != AF_INET && family != AF_INET6) || isLinkLocal(*entry->ifa_addr)) {
             continue;
         }
+        Interface interface = known->second;
         interface.address = addressOf(*entry->ifa_addr).text();
         interface.prefixLength = prefixOf(entry->ifa_netmask, family);
         found.push_back(std::move(interface));

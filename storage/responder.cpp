@@ -72,9 +72,11 @@ bool Responder::reload()
 
 void Responder::followMachine()
 {
+    {
+        const std::scoped_lock hold(lock_);
+        following_ = true;
+    }
     readMachine();
-    const std::scoped_lock hold(lock_);
-    following_ = true;
 }
 
 void Responder::readMachine()
@@ -83,8 +85,11 @@ void Responder::readMachine()
         auto machine = std::make_shared<const Machine>(readMachineInterfaces());
         const std::scoped_lock hold(lock_);
         machine_ = std::move(machine);
+        isCurrent_ = following_;
     } catch (const std::exception &error) {
         STORAGE_LOG(NASCTRL_LOG_ERROR, "the machine's interfaces stay as they were: %s", error.what());
+        const std::scoped_lock hold(lock_);
+        isCurrent_ = false;
     }
 }
 
@@ -146,7 +151,7 @@ std::shared_ptr<const Responder::Machine> Responder::machineFor(const Data &data
     bool fresh = false;
     {
         const std::scoped_lock hold(lock_);
-        fresh = following_ || !looksAtMachine(data);
+        fresh = isCurrent_ || !looksAtMachine(data);
     }
     if (!fresh) {
         readMachine();

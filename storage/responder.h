@@ -58,6 +58,7 @@ private:
     std::shared_ptr<const Machine> machine_;
     std::string error_;
     bool following_ = false;
+    bool isCurrent_ = false; // machine_ needs no reading until a change; not so after a reading that failed
 };
 
 } // namespace storage

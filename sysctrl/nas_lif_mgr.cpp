@@ -66,11 +66,18 @@ uint32_t homeSlot(uint64_t id)
 template <typename Matches>
 uint32_t probe(uint64_t id, Matches matches)
 {
-    uint32_t index = homeSlot(id);
-    for (uint32_t probes = 0; probes < NAS_LIF_PORT_SLOTS && !matches(slotId(index)); ++probes) {
-        index = (index + 1) % NAS_LIF_PORT_SLOTS;
+    const uint32_t home = homeSlot(id);
+    for (uint32_t index = home; index < NAS_LIF_PORT_SLOTS; ++index) {
+        if (matches(slotId(index))) [[likely]] {
+            return index;
+        }
     }
-    return index;
+    for (uint32_t index = 0; index < home; ++index) {
+        if (matches(slotId(index))) {
+            return index;
+        }
+    }
+    return home;
 }
 
 /* The buckets, or null before the table is built. */

@@ -5,11 +5,14 @@
 #include "commands/commands.h"
 #include "failure.h"
 #include "view.h"
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 namespace ctl {
 
 using nlohmann::json;
+
+constexpr int64_t kErrnoEnd = 4096;
 
 static std::string commandTable(const json &answer, bool colour)
 {
@@ -33,6 +36,13 @@ static std::string outputText(const json &answer, bool)
     return text.empty() || text.ends_with('\n') ? text : text + "\n";
 }
 
+// Commands of the library say -1 for any failure, so that it is no errno.
+static std::string reasonOf(int64_t result)
+{
+    const bool isErrno = result < -1 && result > -kErrnoEnd;
+    return isErrno ? std::string(" (") + std::strerror(static_cast<int>(-result)) + ")" : "";
+}
+
 int runCommand(const Session &session, const std::string &module, const std::string &command,
                const std::optional<std::string> &value)
 {
@@ -44,7 +54,7 @@ int runCommand(const Session &session, const std::string &module, const std::str
     const auto result = json::parse(answer).at("result").get<int64_t>();
     present(session, answer, outputText);
     if (result != 0) {
-        reportError(session.command, module + " " + command + ": result " + std::to_string(result) +
+        reportError(session.command, module + " " + command + ": result " + std::to_string(result) + reasonOf(result) +
                                          "; nasctl cmd lists the commands and their usage");
         return kFailed;
     }

@@ -32,6 +32,15 @@ int deletePort(const Session &session, const std::string &address, const std::op
 int findPort(const Session &session, const std::string &id);
 int namePort(const Session &session, const std::string &id);
 
+int listVpcs(const Session &session);
+// record: id, network.
+int addVpc(const Session &session, const Words &record);
+int lookUpVpc(const Session &session, const std::string &address);
+int checkVpc(const Session &session, const std::string &id);
+int clearVpcs(const Session &session);
+int saveVpcs(const Session &session);
+int reloadVpcs(const Session &session);
+
 struct ZoneWords {
     std::string fsId, tenantId, subnet;
 };
@@ -76,6 +85,25 @@ int setLogLevel(const Session &session, const std::string &level, const std::opt
 
 // Accounts with live blocks, or all that ever had one.
 int showMemory(const Session &session, bool all);
+
+int showView(const Session &session);
+int showMaster(const Session &session);
+int listClients(const Session &session);
+int showClient(const Session &session, const std::string &lsId);
+// Is the client's process: stays until a signal ends it or its lease is gone.
+int joinCluster(const Session &session, const std::string &lsId, const std::optional<std::string> &ttl,
+                const Words &attributes);
+int leaveCluster(const Session &session, const std::string &lsId);
+int killClient(const Session &session, const std::string &lsId);
+int faultClient(const Session &session, const std::string &lsId, const std::optional<std::string> &reason);
+
+// The version record in the cluster's name service: the node's copy, or after a creation, a read or a publication.
+int showName(const Session &session);
+int createName(const Session &session);
+int readName(const Session &session);
+int publishName(const Session &session, const std::string &fl);
+// Reads a compatible-version text as the node does.
+int parseVersions(const Session &session, const std::string &text);
 
 int showStorage(const Session &session);
 // [TYPE|all] FAULT [VALUE]

@@ -7,6 +7,7 @@
 #include "parse.h"
 #include "view.h"
 #include <algorithm>
+#include <cerrno>
 #include <nlohmann/json.hpp>
 
 namespace ctl {
@@ -69,6 +70,12 @@ static std::string answerText(const nlohmann::ordered_json &answer, bool colour)
     return fields.render(colour) + (listed ? "\n" + entryTable(*entries, colour) : "");
 }
 
+// Whether the code tells that nobody took the question, or that whoever did has gone or keeps silent.
+static bool isUnanswered(const json &code)
+{
+    return code == -ETIMEDOUT || code == -ECONNREFUSED || code == -EPIPE || code == -ECONNRESET;
+}
+
 static int ask(const Session &session, const std::string &question, const json &request)
 {
     const std::string text = AdminClient(session).post("/v1/ask/" + question, request);
@@ -77,8 +84,10 @@ static int ask(const Session &session, const std::string &question, const json &
     present(session, text,
             [&](const json &, bool colour) { return answer.is_null() ? std::string() : answerText(answer, colour); });
     if (answer.is_null()) {
+        const char *hint = isUnanswered(whole.at("code")) ? "is the storage-side service running?"
+                                                          : "nasctl storage status shows its data and faults";
         reportError(session.command, "the question failed with " + whole.at("code").dump() + " (" +
-                                         shown(whole.at("reason")).text + "); is the storage-side service running?");
+                                         shown(whole.at("reason")).text + "); " + hint);
         return kFailed;
     }
     if (answer.at("result") != 0) {

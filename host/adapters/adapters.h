@@ -31,16 +31,4 @@ uint64_t tenantNotices(uint32_t tenantId);
 // The ids of the LIF ports whose performance path is on, in ascending order. From any thread.
 std::vector<uint64_t> perfPorts();
 
-// A LIF port as the library's table knows it.
-struct LifPort {
-    uint64_t id;
-    uint64_t time;
-    uint32_t index;
-    std::string name;
-    std::string ip;
-};
-
-// By index. From any thread but one that holds a lock of the table; empty before the table is built.
-std::vector<LifPort> lifPorts();
-
 } // namespace host

@@ -1,6 +1,7 @@
 // The answers to module 3's questions. docs/messages.md tells the layouts.
 
 #include "adapters/adapters.h"
+#include "adapters/lif_table.h"
 
 #include "node.h"
 
@@ -83,7 +84,11 @@ uint32_t NasCtrlGetLifInfoAdapter(svr_msg_t *record)
 {
     uint32_t first = 0;
     readArgument(*record, first);
-    const std::vector<LifPort> ports = host::lifPorts();
+    const host::LifTable table = host::readLifTable();
+    if (!table.busyBuckets.empty()) {
+        return NAS_ERROR; // the asker pages by index and would take ports that are left out for gone
+    }
+    const std::vector<LifPort> &ports = table.ports;
     const auto begin = std::ranges::lower_bound(ports, first, {}, &LifPort::index);
     const auto left = static_cast<size_t>(ports.end() - begin);
     const size_t count = std::min(left, kRowsPerReply);

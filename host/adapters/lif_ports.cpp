@@ -1,12 +1,10 @@
-// LIF ports: which of them have their performance path on, and what the library's table knows of them.
+// LIF ports: which of them have their performance path on, and which has an address.
 //
 // The set of performance ports has a lock of its own, a leaf: regLifportAdpter runs under the table's bucket locks.
 
 #include "adapters/adapters.h"
+#include "adapters/lif_table.h"
 
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <mutex>
 #include <nasctrl/lif_port.h>
 #include <set>
@@ -17,46 +15,12 @@ namespace {
 std::mutex s_perfLock;
 std::set<uint64_t> s_perfPorts;
 
-const NasLifPortEntry *entryOf(const void *link)
-{
-    return reinterpret_cast<const NasLifPortEntry *>(static_cast<const char *>(link) - offsetof(NasLifPortEntry, link));
-}
-
-void collectBucket(NasLifPortBucket &bucket, std::vector<LifPort> &ports)
-{
-    kvos_rwlock_read_lock(&bucket.lock);
-    for (const void *link = bucket.head.next; link != &bucket.head; link = static_cast<const list_link *>(link)->next) {
-        const NasLifPortEntry *entry = entryOf(link);
-        ports.push_back({entry->id, entry->time, entry->index, entry->name, entry->ip});
-    }
-    kvos_rwlock_read_unlock(&bucket.lock);
-}
-
-// The library stores find last, when the buckets are ready to be walked.
-bool tableIsBuilt()
-{
-    return std::atomic_ref(g_NfsLifPortInfo.find).load() != nullptr;
-}
-
 } // namespace
 
 std::vector<uint64_t> perfPorts()
 {
     const std::lock_guard hold(s_perfLock);
     return {s_perfPorts.begin(), s_perfPorts.end()};
-}
-
-std::vector<LifPort> lifPorts()
-{
-    std::vector<LifPort> ports;
-    if (!tableIsBuilt()) {
-        return ports;
-    }
-    for (size_t bucket = 0; bucket < NAS_LIF_PORT_BUCKETS; ++bucket) {
-        collectBucket(g_NfsLifPortInfo.buckets[bucket], ports);
-    }
-    std::ranges::sort(ports, {}, &LifPort::index);
-    return ports;
 }
 
 } // namespace host
@@ -85,7 +49,7 @@ uint32_t getNasLifPortIdByIpAdpter(uintptr_t ip, uintptr_t id, uintptr_t, uintpt
     if (address == nullptr || out == nullptr) {
         return NAS_INVALID;
     }
-    for (const host::LifPort &port : host::lifPorts()) {
+    for (const host::LifPort &port : host::readLifTable().ports) {
         if (port.ip == address) {
             *out = port.id;
             return NAS_OK;

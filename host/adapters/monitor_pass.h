@@ -4,7 +4,10 @@
 #pragma once
 
 #include <cstdint>
+#include <nasctrl/ip_manager.h>
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace host {
 
@@ -19,8 +22,19 @@ struct MonitorPass {
 // The latest pass; nothing before the first. From any thread.
 std::optional<MonitorPass> lastMonitorPass();
 
-// On the monitor's thread: a pass has begun; and its question was answered, with 0 or the code of the failure.
+// One of the node's addresses as an answer to the monitor's question told it.
+struct NodeAddress {
+    std::string address;
+    uint32_t protocolType;
+    bool working;
+};
+
+// Those of the latest question that did not fail. From any thread.
+std::vector<NodeAddress> nodeAddresses();
+
+// On the monitor's thread: a pass has begun; and its question was answered, with 0 and a list, or with the code of the
+// failure.
 void beginMonitorPass();
-void noteMonitorQuery(int32_t result);
+void noteMonitorQuery(int32_t result, const node_ip_list *list);
 
 } // namespace host

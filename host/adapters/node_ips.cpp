@@ -4,6 +4,7 @@
 
 #include "adapters/monitor_pass.h"
 #include "platform/log.h"
+#include "platform/memory.h"
 #include "platform/timed_hold.h"
 
 #include <cerrno>
@@ -67,6 +68,12 @@ int32_t listOwnAddresses(node_ip_list **list)
     return 0;
 }
 
+// The library takes the number of entries on trust, and a service may answer with fewer than it says.
+bool isWhole(const node_ip_list &list)
+{
+    return host::blockSize(&list) >= sizeof list + size_t{list.count} * sizeof(node_ip_entry);
+}
+
 } // namespace
 
 int32_t GetCurNodeIpListAdapter(node_ip_list **list)
@@ -75,9 +82,13 @@ int32_t GetCurNodeIpListAdapter(node_ip_list **list)
         return -EINVAL;
     }
     host::beginMonitorPass();
-    const int32_t code = host::adapterSettings().hasStorage ? GetCurNodeIpList(list) : listOwnAddresses(list);
+    int32_t code = host::adapterSettings().hasStorage ? GetCurNodeIpList(list) : listOwnAddresses(list);
+    if (code == 0 && *list != nullptr && !isWhole(**list)) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "adapters: the list of addresses is cut short: it is to hold %u", (*list)->count);
+        code = -EPROTO; // the monitor frees the list
+    }
     // A list that reports a failure of its own is as little of use to the monitor as none.
-    host::noteMonitorQuery(code == 0 && *list != nullptr ? (*list)->result : code);
+    host::noteMonitorQuery(code == 0 && *list != nullptr ? (*list)->result : code, *list);
     return code;
 }
 

@@ -27,6 +27,7 @@ enum class Lane : uint8_t {
     read,     // at once: it never waits
     question, // waits for an answer from outside the node; a few run at once
     follow,   // waits for something to happen; some more run at once, and beyond these it is refused
+    service,  // a word with the storage-side service itself, short and whatever the questions wait for; one at a time
     change,   // changes something; one at a time, in the order of arrival
 };
 

@@ -5,7 +5,9 @@
 #include "admin/answer.h"
 #include "admin/calls.h"
 #include "admin/fields.h"
+#include "admin/vpc_table.h"
 #include <nlohmann/json.hpp>
+#include <optional>
 
 namespace host::admin {
 
@@ -21,8 +23,14 @@ Json getCommands(const CallInput & /*input*/)
 Json postCommand(const CallInput &input)
 {
     const Json fields = parseFields(input.body, {"module", "command", "value"});
-    const auto answer =
-        runCommand(textField(fields, "module"), textField(fields, "command"), optionalTextField(fields, "value"));
+    const std::string module = textField(fields, "module");
+    const std::string command = textField(fields, "command");
+    const auto value = optionalTextField(fields, "value");
+    std::optional<VpcHold> vpcs;
+    if (module == kVpcModule) {
+        vpcs.emplace();
+    }
+    const auto answer = runCommand(module, command, value);
     if (!answer) {
         throw CallError(kNotFound, "there is no such command of that module");
     }

@@ -1,11 +1,11 @@
 /*
  * All that the node knows of one address.
  */
+#include "adapters/lif_table.h"
 #include "admin/address_row.h"
 #include "admin/answer.h"
 #include "admin/calls.h"
 #include "admin/fields.h"
-#include "admin/lif_table.h"
 #include "admin/monitor_view.h"
 #include <algorithm>
 #include <arpa/inet.h>
@@ -48,17 +48,24 @@ bool hasWork(const ServiceAddress &address)
     return (address.status & NAS_IP_ALL_NOTIFIED) != NAS_IP_ALL_NOTIFIED;
 }
 
-std::string whyUnknown(const std::optional<MonitorView> &monitor)
+std::string whyUnknown(const Binary &wanted)
 {
-    const std::string unknown = "no notice announced it";
+    const auto monitor = readMonitor();
     if (!monitor) {
-        return unknown + ", and the node's addresses have not been read yet";
+        return "the node's addresses have not been read yet";
     }
     const int32_t result = monitor->pass.queryResult.value_or(0);
     if (result != 0) {
-        return unknown + ", and the node's addresses could not be read (" + std::to_string(result) + ")";
+        return "the node's addresses could not be read (" + std::to_string(result) + ")";
     }
-    return unknown + ", and it is not among the node's addresses";
+    std::string why = "it is not among the node's addresses";
+    for (const NodeAddress &address : nodeAddresses()) {
+        if (binaryOf(address.address) == wanted) {
+            why = address.working ? "it is among the node's addresses and is added with the next pass"
+                                  : "it is among the node's addresses, but not working";
+        }
+    }
+    return why;
 }
 
 bool has(const Json &rows, const char *state)
@@ -81,9 +88,9 @@ std::string verdict(const ServiceAddress &address, const Json &modules)
     return has(modules, "pending") ? "not every module has been told yet" : "every module that serves it listens";
 }
 
-Json entryRow(const ServiceAddress &address, const std::vector<ModuleState> &modules)
+Json entryRow(const ServiceAddress &address, const AddressRows &modules)
 {
-    Json row = addressRow(address, modules);
+    Json row = modules.rowOf(address);
     row["verdict"] = verdict(address, row.at("modules"));
     return row;
 }
@@ -103,7 +110,7 @@ void addEntries(Report &report, const Binary &wanted)
         report.busy.push_back("entries");
         return;
     }
-    const std::vector<ModuleState> modules = moduleStates();
+    const AddressRows modules(moduleStates());
     for (const ServiceAddress &address : *addresses) {
         if (binaryOf(address.address) == wanted) {
             report.entries.push_back(entryRow(address, modules));
@@ -139,7 +146,7 @@ Json explainIp(const CallInput &input)
     return {{"address", input.argument},
             {"family", wanted.family == AF_INET ? "IPv4" : "IPv6"},
             {"entries", std::move(report.entries)},
-            {"why_unknown", unknown ? Json(whyUnknown(monitor)) : Json()},
+            {"why_unknown", unknown ? Json(whyUnknown(wanted)) : Json()},
             {"next_try_ms", report.waiting && monitor ? Json(monitor->nextMs) : Json()},
             {"lif_ports", std::move(report.ports)},
             {"busy", std::move(report.busy)}};

@@ -7,6 +7,7 @@
 #include "modules/modules.h"
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace host::admin {
 
@@ -18,35 +19,40 @@ bool serves(const ModuleState &module, uint32_t protocolType)
     return std::find(types.begin(), types.end(), protocolType) != types.end();
 }
 
-bool listensOn(const ModuleState &module, const std::string &address)
+} // namespace
+
+AddressRows::AddressRows(std::vector<ModuleState> modules) : states_(std::move(modules))
 {
-    return std::find(module.listening.begin(), module.listening.end(), address) != module.listening.end();
+    for (const ModuleState &state : states_) {
+        Module &module = modules_.emplace_back(Module{&state, {}, {}});
+        module.listening.insert(state.listening.begin(), state.listening.end());
+        for (const ModuleFailure &failure : state.failures) {
+            module.reasons.emplace(failure.address, failure.reason);
+        }
+    }
 }
 
-Json moduleRow(const ModuleState &module, const std::string &address)
+Json AddressRows::stateRow(const Module &module, const std::string &address)
 {
-    Json row = {{"slot", module.config.slot}, {"name", module.config.name}};
-    const auto failure = std::find_if(module.failures.begin(), module.failures.end(),
-                                      [&address](const ModuleFailure &each) { return each.address == address; });
-    if (listensOn(module, address)) {
+    Json row = {{"slot", module.state->config.slot}, {"name", module.state->config.name}};
+    const auto reason = module.reasons.find(address);
+    if (module.listening.contains(address)) {
         row["state"] = "listening";
-    } else if (failure != module.failures.end()) {
+    } else if (reason != module.reasons.end()) {
         row["state"] = "failing";
-        row["reason"] = failure->reason;
+        row["reason"] = reason->second;
     } else {
         row["state"] = "pending";
     }
     return row;
 }
 
-} // namespace
-
-Json addressRow(const ServiceAddress &address, const std::vector<ModuleState> &modules)
+Json AddressRows::rowOf(const ServiceAddress &address) const
 {
     Json rows = Json::array();
-    for (const ModuleState &module : modules) {
-        if (serves(module, address.protocolType)) {
-            rows.push_back(moduleRow(module, address.address));
+    for (const Module &module : modules_) {
+        if (serves(*module.state, address.protocolType)) {
+            rows.push_back(stateRow(module, address.address));
         }
     }
     return {{"address", address.address},
@@ -61,10 +67,10 @@ Json getIps(const CallInput & /*input*/)
     if (!addresses) {
         return {{"addresses", nullptr}, {"busy", Json::array({"addresses"})}};
     }
-    const std::vector<ModuleState> modules = moduleStates();
+    const AddressRows modules(moduleStates());
     Json rows = Json::array();
     for (const ServiceAddress &address : *addresses) {
-        rows.push_back(addressRow(address, modules));
+        rows.push_back(modules.rowOf(address));
     }
     return {{"addresses", std::move(rows)}, {"busy", Json::array()}};
 }

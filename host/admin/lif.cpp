@@ -4,10 +4,11 @@
  * The library waits for a bucket's lock without end, so a call that would have it wait for a hold which is not given
  * back is refused instead.
  */
+#include "adapters/adapters.h"
+#include "adapters/lif_table.h"
 #include "admin/answer.h"
 #include "admin/calls.h"
 #include "admin/fields.h"
-#include "admin/lif_table.h"
 #include "notify/statistics.h"
 #include <algorithm>
 #include <nasctrl/host/platform.h>

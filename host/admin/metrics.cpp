@@ -2,9 +2,10 @@
  * What the node counts, in the text format of Prometheus. Everything is read when it is asked for: whoever counts adds
  * to a word of his own and knows nothing of metrics. Labels take a bounded set of values, known at start.
  */
+#include "adapters/adapters.h"
+#include "adapters/lif_table.h"
 #include "admin/addresses.h"
 #include "admin/calls.h"
-#include "admin/lif_table.h"
 #include "admin/monitor_view.h"
 #include "message/message_service.h"
 #include "message/storage_statistics.h"

@@ -41,6 +41,8 @@ constexpr std::array kRoutes = {
     Route{"GET", "/v1/config", Lane::read, json<getConfig>},
     Route{"GET", "/v1/commands", Lane::read, json<getCommands>},
     Route{"POST", "/v1/commands", Lane::change, json<postCommand>},
+    Route{"GET", "/v1/fmm", Lane::read, json<getFmm>},
+    Route{"POST", "/v1/fmm", Lane::change, json<postFmm>},
     Route{"GET", "/v1/log", Lane::read, json<getLog>},
     Route{"PUT", "/v1/log", Lane::change, json<putLog>},
     Route{"GET", "/v1/memory", Lane::read, json<getMemory>},
@@ -48,19 +50,38 @@ constexpr std::array kRoutes = {
     Route{"GET", "/v1/monitor", Lane::read, json<getMonitor>},
     Route{"PUT", "/v1/monitor", Lane::change, json<putMonitor>},
     Route{"GET", "/v1/ips/*", Lane::read, json<explainIp>},
+    Route{"GET", "/v1/view", Lane::read, json<getView>},
+    Route{"GET", "/v1/master", Lane::read, json<getMaster>},
+    Route{"GET", "/v1/dpc/*", Lane::read, json<getClient>},
+    Route{"POST", "/v1/dpc/join/*", Lane::question, json<joinCluster>},
+    Route{"POST", "/v1/dpc/keep/*", Lane::question, json<keepInCluster>},
+    Route{"POST", "/v1/dpc/leave/*", Lane::question, json<leaveCluster>},
+    Route{"POST", "/v1/dpc/fault/*", Lane::question, json<reportFault>},
     Route{"GET", "/v1/lif", Lane::read, json<getLifPorts>},
     Route{"POST", "/v1/lif", Lane::change, json<postLifPort>},
     Route{"DELETE", "/v1/lif/*", Lane::change, json<deleteLifPort>},
     Route{"GET", "/v1/lif/index/*", Lane::read, json<getLifIndex>},
     Route{"GET", "/v1/lif/name/*", Lane::question, json<getLifName>},
+    Route{"GET", "/v1/vpc", Lane::question, json<getVpcs>},
+    Route{"POST", "/v1/vpc", Lane::change, json<postVpc>},
+    Route{"DELETE", "/v1/vpc", Lane::change, json<deleteVpcs>},
+    Route{"GET", "/v1/vpc/of/*", Lane::question, json<getVpcOf>},
+    Route{"POST", "/v1/vpc/check", Lane::question, json<postVpcCheck>},
+    Route{"POST", "/v1/vpc/save", Lane::change, json<postVpcSave>},
+    Route{"POST", "/v1/vpc/reload", Lane::change, json<postVpcReload>},
     Route{"POST", "/v1/ask/*", Lane::question, json<postQuestion>},
     Route{"POST", "/v1/ctrl-ips", Lane::question, json<postControlIps>},
-    Route{"GET", "/v1/storage/faults", Lane::question, json<getStorageFaults>},
-    Route{"POST", "/v1/storage/faults", Lane::question, json<postStorageFault>},
+    Route{"GET", "/v1/storage/faults", Lane::service, json<getStorageFaults>},
+    Route{"POST", "/v1/storage/faults", Lane::service, json<postStorageFault>},
     Route{"GET", "/v1/events", Lane::follow, json<getEvents>},
     Route{"GET", "/v1/locks", Lane::read, json<getFileLocks>},
     Route{"POST", "/v1/locks", Lane::change, json<postFileLock>},
     Route{"DELETE", "/v1/locks", Lane::change, json<deleteFileLock>},
+    Route{"GET", "/v1/name", Lane::read, json<getName>},
+    Route{"POST", "/v1/name", Lane::question, json<postName>},
+    Route{"POST", "/v1/name/read", Lane::question, json<readName>},
+    Route{"POST", "/v1/name/publish", Lane::question, json<publishName>},
+    Route{"POST", "/v1/versions", Lane::read, json<parseVersions>},
 };
 
 bool pathMatches(const Route &route, std::string_view path)
@@ -114,7 +135,7 @@ Answer noRoute(const Request &request)
         }
     }
     if (allowed.empty()) {
-        return errorAnswer(kNotFound, "there is no such call");
+        return errorAnswer(kNotFound, "there is no such call in this version");
     }
     Answer answer = errorAnswer(kMethodNotAllowed, "this path answers to " + allowed + " only");
     answer.allow = allowed;

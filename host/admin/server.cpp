@@ -1,5 +1,5 @@
 /*
- * Everything here but the answering of changes and questions runs on the input and output thread, so no lock is needed:
+ * Everything here but the answering of calls that may wait runs on the input and output thread, so no lock is needed:
  * the set of sessions and each session belong to that thread.
  */
 #include "admin/server.h"
@@ -48,8 +48,15 @@ struct Host {
     asio::thread_pool questions{kMaxQuestions};
     asio::thread_pool followers{kMaxFollowers};
     size_t following = 0; // calls on the thread pool before; on the thread of io
+    asio::thread_pool service{1};
     std::atomic<bool> ending{false};
     std::function<void(const std::shared_ptr<Session> &)> ended; // on the thread of io
+
+    // Of a lane that may wait.
+    asio::thread_pool &threadsOf(Lane lane)
+    {
+        return lane == Lane::change ? changes : lane == Lane::service ? service : questions;
+    }
 };
 
 std::string whyMalformed(const ErrorCode &error)
@@ -127,7 +134,7 @@ private:
         } else if (lane == Lane::follow) {
             follow(std::move(request));
         } else {
-            answerOn(lane == Lane::change ? host_.changes : host_.questions, std::move(request));
+            answerOn(host_.threadsOf(lane), std::move(request));
         }
     }
 
@@ -254,6 +261,7 @@ public:
         host_.changes.join();
         host_.questions.join();
         host_.followers.join();
+        host_.service.join();
         asio::post(host_.io, [this] { limitEnd(); });
         working_.reset();
         thread_.join();

@@ -2,8 +2,8 @@
  * HTTP/1.1 on a Unix socket, for whoever answers requests. Knows no call.
  *
  * One thread does all input and output and answers the requests that only read; another runs those that change
- * something, one after the other, a few more those that wait for somebody else, and some those that wait for something
- * to happen, so that none delays a reading or the others.
+ * something, one after the other, a few more those that wait for somebody else, one those that look at the storage-side
+ * service, and some those that wait for something to happen, so that none delays a reading or another kind.
  */
 #pragma once
 
@@ -35,7 +35,7 @@ class Server {
 public:
     // Throws std::runtime_error with one clear line when the socket cannot be had.
     explicit Server(const ServerSettings &settings);
-    // Waits for the change and the questions that run, not for those that wait; sends the answers under way; removes
+    // Waits for the calls that run, not for those that wait; sends the answers under way; removes
     // the socket.
     ~Server();
     Server(const Server &) = delete;

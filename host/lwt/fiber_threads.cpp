@@ -2,26 +2,29 @@
  * The back end on fibers: a fixed number of worker threads, each with a round-robin scheduler of its own. A new fiber
  * is queued for one worker after the other and stays with its worker for ever.
  *
- * Each worker's queue has a fiber lock of its own, so that the worker's launching fiber waits without holding up its
- * other fibers; starters on plain threads use the same lock. The pool's mutex guards the count of parked workers.
+ * Each worker's queue has a mutex that is held for a few instructions and never across a change of fibers. Only fibers
+ * of workers are ever suspended: whoever wakes a fiber still looks at the scheduler of its OS thread afterwards, and a
+ * worker never ends, as another thread might. The pool's mutex guards the count of parked workers.
  */
 #include "lwt/light_threads.h"
 #include "platform/log.h"
 
 #include <atomic>
-#include <boost/fiber/condition_variable.hpp>
+#include <boost/fiber/context.hpp>
 #include <boost/fiber/fiber.hpp>
-#include <boost/fiber/mutex.hpp>
 #include <boost/fiber/operations.hpp>
 #include <boost/fiber/protected_fixedsize_stack.hpp>
+#include <boost/fiber/scheduler.hpp>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <pthread.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace host {
@@ -52,41 +55,80 @@ struct Launch {
     TakenStack stack;
 };
 
+using Fiber = boost::fibers::context;
+
+// A wake that comes before the suspension waits in the scheduler's queue, which the OS thread reads only once the fiber
+// is suspended.
+void suspendFiber()
+{
+    Fiber::active()->suspend();
+}
+
+// A thread that runs no fibers would become a scheduler of its own by Fiber::active().
+void wakeFiber(Fiber *fiber)
+{
+    if (LightThreads::current() != nullptr) {
+        Fiber::active()->schedule(fiber);
+    } else {
+        fiber->get_scheduler()->schedule_from_remote(fiber);
+    }
+}
+
 class Worker {
 public:
     void push(const Launch &launch)
     {
-        const std::scoped_lock lock(mutex_);
+        std::unique_lock lock(mutex_);
         launches_.push_back(launch);
-        changed_.notify_one();
+        wakeLauncher(lock);
     }
 
     void stop()
     {
-        const std::scoped_lock lock(mutex_);
+        std::unique_lock lock(mutex_);
         stopped_ = true;
-        changed_.notify_one();
+        wakeLauncher(lock);
     }
 
     // Launches fibers on the calling thread until the stop.
     void run()
     {
-        std::unique_lock lock(mutex_);
-        for (;;) {
-            changed_.wait(lock, [this] { return stopped_ || !launches_.empty(); });
-            if (stopped_) {
-                return;
-            }
-            Launch launch = launches_.front();
-            launches_.pop_front();
-            boost::fibers::fiber(std::allocator_arg, launch.stack, launch.start.body, launch.start.arg).detach();
+        while (std::optional<Launch> launch = next()) {
+            boost::fibers::fiber(std::allocator_arg, launch->stack, launch->start.body, launch->start.arg).detach();
         }
     }
 
 private:
-    boost::fibers::mutex mutex_;
-    boost::fibers::condition_variable changed_;
+    // Nothing after the stop.
+    std::optional<Launch> next()
+    {
+        std::unique_lock lock(mutex_);
+        while (!stopped_ && launches_.empty()) {
+            idleLauncher_ = Fiber::active();
+            lock.unlock();
+            suspendFiber();
+            lock.lock();
+        }
+        if (stopped_) {
+            return std::nullopt;
+        }
+        const Launch launch = launches_.front();
+        launches_.pop_front();
+        return launch;
+    }
+
+    void wakeLauncher(std::unique_lock<std::mutex> &lock)
+    {
+        Fiber *sleeper = std::exchange(idleLauncher_, nullptr);
+        lock.unlock();
+        if (sleeper != nullptr) {
+            wakeFiber(sleeper);
+        }
+    }
+
+    std::mutex mutex_;
     std::deque<Launch> launches_;
+    Fiber *idleLauncher_ = nullptr; // suspended, or about to be
     bool stopped_ = false;
 };
 
@@ -112,6 +154,11 @@ public:
     }
 
     void sleep(uint32_t ms) override { boost::this_fiber::sleep_for(std::chrono::milliseconds(ms)); }
+
+    void *fiber() override { return Fiber::active(); }
+    void suspend() override { suspendFiber(); }
+    void wake(void *fiber) override { wakeFiber(static_cast<Fiber *>(fiber)); }
+    void goOn() override {}
 
     void stop() override
     {

@@ -40,6 +40,11 @@ host::LightThreads *host::LightThreads::current()
     return t_current;
 }
 
+host::LightThreads *host::LightThreads::running()
+{
+    return g_running.load();
+}
+
 void host::LightThreads::adoptThread()
 {
     t_current = this;
@@ -95,4 +100,9 @@ void kvlwt_task_sleep(uint32_t ms, uint32_t /*module*/, const char * /*func*/, u
     } else {
         kvos_msleep(ms);
     }
+}
+
+int32_t kvlwt_is_lwtcontext(uint32_t /*module*/, const char * /*func*/)
+{
+    return host::LightThreads::current() != nullptr ? 1 : 0;
 }

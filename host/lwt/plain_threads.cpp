@@ -33,6 +33,15 @@ public:
     void sleep(uint32_t ms) override
     {
         kvos_msleep(ms);
+        goOn();
+    }
+
+    void *fiber() override { return nullptr; }
+    void suspend() override {}
+    void wake(void * /*fiber*/) override {}
+
+    void goOn() override
+    {
         if (stopped_) {
             park();
         }

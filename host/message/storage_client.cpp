@@ -43,9 +43,9 @@ public:
 
     // Writes a request whole. Returns 0 or a negative errno, after which the connection is of no more use.
     int send(const FrameHeader &header, const void *payload, Clock::time_point deadline);
-    // Waits for the answer of that sequence. Returns 0 and its header, and its payload until the next call; -ETIMEDOUT,
+    // Waits for the answer to that request. Returns 0 and its header, and its payload until the next call; -ETIMEDOUT,
     // after which the connection may be used again; or another negative errno, after which it may not.
-    int receive(uint32_t sequence, FrameHeader &header, std::span<const std::byte> &payload,
+    int receive(const FrameHeader &request, FrameHeader &header, std::span<const std::byte> &payload,
                 Clock::time_point deadline);
     bool isAlive() const;
     uint64_t settingsSerial() const { return settingsSerial_; }
@@ -122,7 +122,13 @@ int StorageConnection::send(const FrameHeader &header, const void *payload, Cloc
     return 0;
 }
 
-int StorageConnection::receive(uint32_t sequence, FrameHeader &header, std::span<const std::byte> &payload,
+// The sequence is the request's, and the rest of its name is not.
+bool answersAnotherQuestion(const FrameHeader &answer, const FrameHeader &request)
+{
+    return answer.sequence == request.sequence && (answer.module != request.module || answer.opcode != request.opcode);
+}
+
+int StorageConnection::receive(const FrameHeader &request, FrameHeader &header, std::span<const std::byte> &payload,
                                Clock::time_point deadline)
 {
     in_.consume(std::exchange(done_, 0));
@@ -134,16 +140,17 @@ int StorageConnection::receive(uint32_t sequence, FrameHeader &header, std::span
             }
             continue;
         }
-        if (state == FrameState::BadLength || header.direction != kReply || header.result > 0) {
+        if (state == FrameState::BadLength || header.direction != kReply || header.result > 0 ||
+            answersAnotherQuestion(header, request)) {
             HOST_LOG(NASCTRL_LOG_ERROR, "storage: the connection is closed: its answer is malformed");
             return -EPROTO;
         }
-        if (header.sequence == sequence) {
+        if (header.sequence == request.sequence) {
             payload = in_.arrived().subspan(sizeof header, frameSize(header) - sizeof header);
             done_ = frameSize(header);
             return 0;
         }
-        HOST_LOG(NASCTRL_LOG_INFO, "storage: answer %u is dropped: call %u waits", header.sequence, sequence);
+        HOST_LOG(NASCTRL_LOG_INFO, "storage: answer %u is dropped: call %u waits", header.sequence, request.sequence);
         in_.consume(frameSize(header));
     }
 }
@@ -257,7 +264,7 @@ int32_t ask(const Settings &now, const svr_call_t &call, void **response, uint32
     }
     FrameHeader answer{};
     std::span<const std::byte> payload;
-    int32_t result = connection->receive(request.sequence, answer, payload, deadline);
+    int32_t result = connection->receive(request, answer, payload, deadline);
     const bool reusable = result == 0 || result == -ETIMEDOUT;
     if (result == 0) {
         result = answer.result != 0 ? answer.result : copyAnswer(payload, response, length);
@@ -275,8 +282,8 @@ struct ResultRow {
 
 constexpr std::array kResults = {
     ResultRow{-ETIMEDOUT, StorageResult::timedOut}, ResultRow{-ECONNREFUSED, StorageResult::unreachable},
-    ResultRow{-ENOENT, StorageResult::unreachable}, ResultRow{-EPIPE, StorageResult::closed},
-    ResultRow{-ECONNRESET, StorageResult::closed},  ResultRow{-EPROTO, StorageResult::malformed},
+    ResultRow{-EPIPE, StorageResult::closed},       ResultRow{-ECONNRESET, StorageResult::closed},
+    ResultRow{-EPROTO, StorageResult::malformed},
 };
 
 StorageResult resultOf(int32_t code, const void *response, uint32_t length)

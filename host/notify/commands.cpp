@@ -11,7 +11,9 @@
 namespace host {
 namespace {
 
-constexpr size_t kTextSize = 65536; // of a command's text and of its answer, NUL included
+// Of a command's text and of its answer, NUL included. The longest tables have 4,096 lines of 125 characters.
+constexpr size_t kTextSize = 65536;
+constexpr size_t kAnswerSize = size_t{1024} * 1024;
 
 using Key = std::pair<std::string, std::string>; // module, name
 
@@ -77,7 +79,7 @@ std::optional<CommandAnswer> runCommand(const std::string &module, const std::st
         return CommandAnswer{-E2BIG, ""};
     }
     std::string buffer = text;
-    buffer.resize(kTextSize);
+    buffer.resize(kAnswerSize);
     const int32_t result = command->handler(buffer.data(), static_cast<uint32_t>(buffer.size()));
     return answerIn(buffer, text, result);
 }

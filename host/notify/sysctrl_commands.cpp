@@ -3,6 +3,7 @@
 // or a negative errno.
 
 #include "adapters/adapters.h"
+#include "adapters/lif_table.h"
 #include "notify/commands.h"
 #include "notify/statistics.h"
 #include "platform/log.h"
@@ -14,6 +15,7 @@
 #include <nasctrl/cluster_list.h>
 #include <nasctrl/host/notify.h>
 #include <nasctrl/ip_manager.h>
+#include <nasctrl/lif_port.h>
 
 namespace {
 
@@ -120,9 +122,14 @@ int32_t logLevel(char *buf, uint32_t size)
 
 int32_t listLifPorts(char *buf, uint32_t size)
 {
+    const host::LifTable table = host::readLifTable();
     std::string text;
-    for (const host::LifPort &port : host::lifPorts()) {
+    for (const host::LifPort &port : table.ports) {
         text += std::to_string(port.index) + " " + std::to_string(port.id) + " " + port.name + " " + port.ip + "\n";
+    }
+    for (const uint32_t bucket : table.busyBuckets) {
+        text += "busy: ports with an id of " + std::to_string(bucket) + " modulo " +
+                std::to_string(NAS_LIF_PORT_BUCKETS) + "\n";
     }
     return answer(buf, size, text);
 }
@@ -133,6 +140,9 @@ int32_t showLifPort(char *buf, uint32_t size)
     uint64_t id = 0;
     if (buf == nullptr || !parseNumber(buf, id)) {
         return -EINVAL;
+    }
+    if (host::lifTableIsBuilt() && !host::canRead(id)) {
+        return -EBUSY; // the look-up of the name would wait for the bucket's lock without end
     }
     const auto index = host::statisticsIndex(host::kLifPortKind, id);
     const auto name = host::statisticsName(host::kLifPortKind, id);

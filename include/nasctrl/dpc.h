@@ -118,6 +118,37 @@ NASCTRL_API void NasCtrlClearDpcLockState(void *task);
 NASCTRL_API void NasCtrlHandleDpcProcessFault(uint32_t lsid, uint64_t sessionId);
 NASCTRL_API void NasCtrlHandleDpcHeartBreak(uint32_t lsid);
 
+/* ---- state transitions ----
+ *
+ * The modules DLG and FMM are told through notifyCall, DLG first, with the LS id as the argument's data: event 5 of a
+ * fault, event 6 of a recovery. Callable from any thread; entries and views are only read, during the call.
+ */
+
+/*
+ * One LS before and after an update of the view. A new fault whose reason is a failed process or a broken heart beat,
+ * and a new recovery, are told; what a module answers is not looked at. The fault is then handled by its reason.
+ */
+NASCTRL_API void NasCtrlHandleDpcState(const cm_ls_entry *oldLs, const cm_ls_entry *newLs);
+
+/*
+ * Count LS (none for 0 or less) that left the view, failed, or recovered. Those that left are handled as broken heart
+ * beats, those that failed by their reason. A module that refuses a fault or a recovery is logged; all others are still
+ * told.
+ */
+NASCTRL_API void NasCtrlHandleDpcStateShrink(const cm_ls_entry *ls, int32_t count);
+NASCTRL_API void NasCtrlHandleDpcStateFault(const cm_ls_entry *ls, int32_t count);
+NASCTRL_API void NasCtrlHandleDpcStateRecover(const cm_ls_entry *ls, int32_t count);
+
+/*
+ * Tells of a fault of every LS of previousView that newView (null: an empty one) does not hold. Stops at the first
+ * module that refuses and returns its code; 0 when all is told; NAS_ERROR when previousView is null.
+ */
+NASCTRL_API uint32_t ScaleDownNotifyDlgAndFmm(const dpc_view *previousView, const dpc_view *newView);
+
+/* Reports to CM that the data service is removed; and the end of such a report, which reports again after a failure. */
+NASCTRL_API void NasReportRemovDpcStatustoCM(void);
+NASCTRL_API void NasRemovDpcClusterCallBack(void *context, int32_t ret);
+
 NASCTRL_END_DECLS
 
 #endif

@@ -13,6 +13,7 @@
 #include <safe_str_lib.h>
 
 #undef memcpy_s
+#undef memmove_s
 #undef memset_s
 #undef sprintf_s
 #undef strcpy_s
@@ -25,6 +26,12 @@ namespace nas {
 inline int memcpy_s(void *dest, size_t size, const void *src, size_t n)
 {
     return size == 0 ? ESZEROL : _memcpy_s_chk(dest, size, src, n, BOS_UNKNOWN, BOS_UNKNOWN);
+}
+
+/* The same where the two may overlap. */
+inline int memmove_s(void *dest, size_t size, const void *src, size_t n)
+{
+    return size == 0 ? ESZEROL : _memmove_s_chk(dest, size, src, n, BOS_UNKNOWN, BOS_UNKNOWN);
 }
 
 inline int memset_s(void *dest, size_t size, int value, size_t n)

@@ -4,31 +4,16 @@
 #ifndef NASCTRL_INTERNAL_IP_LIST_H
 #define NASCTRL_INTERNAL_IP_LIST_H
 
-#include <atomic>
 #include <nasctrl/ip_manager.h>
 
 #include "internal/list.h"
 #include "internal/log.h"
+#include "internal/words.h"
 
 namespace nas {
 
 /* An address field of a record or an event, as text: one without a NUL is cut to the field's width. */
 using IpText = CutText<NAS_IP_TEXT_SIZE>;
-
-/*
- * Plain exported words that one thread writes and others read: each access is whole, and none orders any other. Words
- * that only the initialisation writes, or that a host may set at any time, are read in the same way.
- */
-template <typename Word>
-Word readWord(Word &word)
-{
-    return std::atomic_ref<Word>(word).load(std::memory_order_relaxed);
-}
-template <typename Word>
-void writeWord(Word &word, Word value)
-{
-    std::atomic_ref<Word>(word).store(value, std::memory_order_relaxed);
-}
 
 /* Makes the monitor's next sleep the short one. */
 inline void requestRetry()

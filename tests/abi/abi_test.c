@@ -77,6 +77,23 @@ FIELD(dpc_view, ls, 400);
 FIELD(dpc_event_task, lsid, 16);
 FIELD(dpc_event_task, sessionId, 24);
 
+LAYOUT(version_array, 1028);
+FIELD(version_array, count, 1024);
+LAYOUT(ns_value, 16);
+FIELD(ns_value, seq, 8);
+LAYOUT(ns_request, 24);
+FIELD(ns_request, value, 8);
+FIELD(ns_request, result, 16);
+LAYOUT(ns_info_t, 24);
+FIELD(ns_info_t, value, 8);
+FIELD(ns_info_t, length, 16);
+LAYOUT(ns_state_t, 24);
+FIELD(ns_state_t, version, 16);
+LAYOUT(struct cluster_verinfo, 48);
+FIELD(struct cluster_verinfo, version, 8);
+FIELD(struct cluster_verinfo, seq, 16);
+FIELD(struct cluster_verinfo, lock, 24);
+
 static uint32_t g_hookCalls;
 static uint32_t g_hookEvent;
 static char g_hookAddr[64];

@@ -321,9 +321,12 @@ class Command : public NasctlTest {};
 TEST_F(Command, ItsTextIsPrintedAlsoWhenItFailed)
 {
     node_.answer(R"({"result": -22, "text": "no such shard"})");
-    EXPECT_EQ(run({"cmd", "-m", "nas_fmm", "-c", "dump"}),
-              (Outcome{"no such shard\n",
-                       "nasctl: cmd: nas_fmm dump: result -22; nasctl cmd lists the commands and their usage\n", 1}));
+    EXPECT_EQ(
+        run({"cmd", "-m", "nas_fmm", "-c", "dump"}),
+        (Outcome{
+            "no such shard\n",
+            "nasctl: cmd: nas_fmm dump: result -22 (Invalid argument); nasctl cmd lists the commands and their usage\n",
+            1}));
 }
 
 TEST_F(Command, ItsFailureIsExitCode1WithJsonToo)

@@ -1,8 +1,8 @@
 #include "fake_library.h"
 
 #include <adapters/adapters.h>
+#include <adapters/lif_table.h>
 #include <cerrno>
-#include <cluster/cm_client.h>
 #include <cstdlib>
 #include <cstring>
 #include <gmock/gmock.h>
@@ -11,6 +11,7 @@
 #include <nasctrl/control.h>
 #include <nasctrl/host/cluster.h>
 #include <nasctrl/ip_manager.h>
+#include <nasctrl/lif_port.h>
 #include <node.h>
 
 namespace {
@@ -90,56 +91,10 @@ TEST_F(Adapters, RefuseAnEdsViewThatLacksTheNodeItself)
                 ElementsAre("3 adapters: the LS id 7 of this node is not among the configured LS ids"));
 }
 
-// ---- the CM client
-
-class CmClient : public Adapters {};
-
-TEST_F(CmClient, DeliversTheConnectEventWithItsIdAfterItWasOpened)
-{
-    uint32_t client = 0;
-    ASSERT_EQ(NasCrtlOpenCmClientAdapter("127.0.0.1", "127.0.0.1", &client), NAS_OK);
-    EXPECT_EQ(client, 7U);
-    EXPECT_THAT(fake::library().eventTypes, IsEmpty());
-    EXPECT_EQ(host::connectCmClient(), 0);
-    EXPECT_THAT(fake::library().eventTypes, ElementsAre(0));
-    EXPECT_THAT(fake::library().eventClients, ElementsAre(7U));
-}
-
-TEST_F(CmClient, PassesOnThatItsThreadCannotBeHad)
-{
-    uint32_t client = 0;
-    NasCrtlOpenCmClientAdapter("127.0.0.1", "127.0.0.1", &client);
-    fake::library().result = 1;
-    EXPECT_EQ(host::connectCmClient(), EAGAIN);
-}
-
-TEST_F(CmClient, RefusesALocalAddressThatIsNone)
-{
-    uint32_t client = 0;
-    EXPECT_EQ(NasCrtlOpenCmClientAdapter("127.0.0.1", "eth0", &client), NAS_INVALID);
-    EXPECT_EQ(client, 0U);
-    EXPECT_THAT(fake::library().lines, ElementsAre("3 cluster: dpc_data_ip eth0 is not an IPv4 or IPv6 address"));
-}
-
-TEST_F(CmClient, KnowsOnlyTheClientIdOfAnEvent)
-{
-    const uint32_t event[2] = {0, 9};
-    uint32_t client = 1;
-    EXPECT_EQ(CM_getEventInfo(event, 2, &client), -EINVAL);
-    EXPECT_EQ(CM_getEventInfo(nullptr, 1, &client), -EINVAL);
-    EXPECT_EQ(client, 1U);
-    EXPECT_EQ(CM_getEventInfo(event, 1, &client), 0);
-    EXPECT_EQ(client, 9U);
-}
-
 // ---- facts
 
-TEST_F(Adapters, AnswerTheNodeIdForEveryLsOfANodeThatKnowsNoOther)
+TEST_F(Adapters, AnswerTheNodeIdForItsOwnLs)
 {
-    uint32_t master = 0;
-    EXPECT_EQ(getGlbMasterLsId(&master), 0);
-    EXPECT_EQ(master, 7U);
-    EXPECT_EQ(getGlbMasterLsId(nullptr), -EINVAL);
     EXPECT_EQ(CgwGetInitLocalLsId(), 7U);
     EXPECT_EQ(CgwGetClientLsIdByWwn(1, 2, 3, 4, 5, 6), 7U);
 }
@@ -222,9 +177,20 @@ TEST_F(Adapters, FindAPortByItsAddress)
     EXPECT_EQ(find(nullptr), NAS_INVALID);
 }
 
+TEST_F(Adapters, DoNotFindAPortWhoseBucketIsHeldAndDoNotWaitForIt)
+{
+    fake::addPort(300, 5, 1, "lif-b", "10.0.0.2");
+    kvos_rwlock_write_lock(&g_NfsLifPortInfo.buckets[300 % NAS_LIF_PORT_BUCKETS].lock);
+    uint64_t id = 7;
+    EXPECT_EQ(getNasLifPortIdByIpAdpter(reinterpret_cast<uintptr_t>("10.0.0.2"), reinterpret_cast<uintptr_t>(&id), 0, 0,
+                                        0, 0),
+              NAS_INVALID);
+    EXPECT_EQ(id, 7U);
+}
+
 TEST_F(Adapters, KnowNoPortsBeforeTheTableIsBuilt)
 {
-    EXPECT_THAT(host::lifPorts(), IsEmpty());
+    EXPECT_THAT(host::readLifTable().ports, IsEmpty());
 }
 
 // ---- the node's addresses
@@ -289,6 +255,19 @@ TEST_F(Adapters, AskTheStorageSideWhenThereIsOne)
     configure([](host::AdapterSettings &settings) { settings.hasStorage = true; });
     EXPECT_EQ(currentList(-110), nullptr);
     EXPECT_THAT(fake::library().calls, ElementsAre("GetCurNodeIpList()"));
+}
+
+// The library takes the count on trust.
+TEST_F(Adapters, RefuseAListOfTheStorageSideThatHoldsLessThanItSays)
+{
+    configure([](host::AdapterSettings &settings) { settings.hasStorage = true; });
+    std::string &list = fake::library().nodeList;
+    list = std::string(8 + 2 * 72, '\0');
+    list[4] = 2;
+    EXPECT_NE(currentList(0), nullptr);
+    list.pop_back();
+    EXPECT_NE(currentList(-EPROTO), nullptr) << "handed out to be freed";
+    EXPECT_THAT(fake::library().lines, ElementsAre("3 adapters: the list of addresses is cut short: it is to hold 2"));
 }
 
 TEST(WorkStatus, IsNotWorkingUntilItIsSet)
@@ -387,6 +366,14 @@ TEST_F(ControlMessages, ListLifPortsFromTheGivenIndexOn)
     EXPECT_EQ(ask(NasCtrlGetLifInfoAdapter, {40, 3}),
               bytes({word(2), word(1), word(0), word(0), //
                      wide(300), wide(1000), word(5), field("lif-b", 264), field("10.0.0.2", 48), word(0)}));
+}
+
+TEST_F(ControlMessages, SendNoListOfLifPortsWithPortsLeftOut)
+{
+    fake::addPort(300, 5, 1000, "lif-b", "10.0.0.2");
+    kvos_rwlock_write_lock(&g_NfsLifPortInfo.buckets[1].lock);
+    ask(NasCtrlGetLifInfoAdapter, {40}, NAS_ERROR);
+    EXPECT_THAT(fake::library().sent, IsEmpty());
 }
 
 TEST_F(ControlMessages, CutAListOfLifPortsThatFillsAReplyAndTellWhereToGoOn)

@@ -33,6 +33,7 @@ struct Asked {
 struct Queries {
     uint64_t now = 100 * kSecond;
     std::optional<host::MonitorPass> pass;
+    std::vector<host::NodeAddress> nodeAddresses; // as the latest pass was told them
     std::vector<uint64_t> perf;
     std::array<host::StorageCallCounts, host::kStorageCallTypes> calls{};
     std::array<uint64_t, host::kMaxLogLevel + 1> lines{};
@@ -327,6 +328,10 @@ std::optional<MonitorPass> lastMonitorPass()
 {
     return g_queries.pass;
 }
+std::vector<NodeAddress> nodeAddresses()
+{
+    return g_queries.nodeAddresses;
+}
 std::vector<uint64_t> perfPorts()
 {
     return g_queries.perf;
@@ -527,12 +532,22 @@ TEST_P(UnknownAddress, IsExplained)
 }
 
 const Unknown kUnknowns[] = {
-    {"NoPassYet", std::nullopt, "no notice announced it, and the node's addresses have not been read yet"},
-    {"FailedQuery", host::MonitorPass{false, true, 5, -111},
-     "no notice announced it, and the node's addresses could not be read (-111)"},
-    {"NotAmongThem", host::MonitorPass{false, false, 60, 0},
-     "no notice announced it, and it is not among the node's addresses"},
+    {"NoPassYet", std::nullopt, "the node's addresses have not been read yet"},
+    {"FailedQuery", host::MonitorPass{false, true, 5, -111}, "the node's addresses could not be read (-111)"},
+    {"NotAmongThem", host::MonitorPass{false, false, 60, 0}, "it is not among the node's addresses"},
 };
+
+TEST_F(AdminQueries, AnAddressThatThePassWasToldOfAndIsNotListedIsExplainedByItsWorkState)
+{
+    passed(1000, {false, false, 60, 0});
+    g_queries.nodeAddresses = {{"10.0.0.2", 3, true}, {"10.0.0.1", 3, false}};
+    EXPECT_THAT(get("/v1/ips/10.0.0.1"),
+                testing::HasSubstr(R"("why_unknown":"it is among the node's addresses, but not working")"));
+    EXPECT_THAT(
+        get("/v1/ips/10.0.0.2"),
+        testing::HasSubstr(R"("why_unknown":"it is among the node's addresses and is added with the next pass")"));
+    EXPECT_THAT(get("/v1/ips/10.0.0.3"), testing::HasSubstr(R"("why_unknown":"it is not among the node's addresses")"));
+}
 
 INSTANTIATE_TEST_SUITE_P(Reasons, UnknownAddress, testing::ValuesIn(kUnknowns),
                          [](const auto &row) { return std::string(row.param.name); });
@@ -919,6 +934,8 @@ TEST_F(AdminQueries, QuestionsAndChangesKeepApartFromReading)
     EXPECT_EQ(laneOf("GET", "/v1/lif/name/5"), Lane::question);
     EXPECT_EQ(laneOf("POST", "/v1/ask/zone"), Lane::question);
     EXPECT_EQ(laneOf("POST", "/v1/ctrl-ips"), Lane::question);
+    EXPECT_EQ(laneOf("GET", "/v1/storage/faults"), Lane::service);
+    EXPECT_EQ(laneOf("POST", "/v1/storage/faults"), Lane::service);
     EXPECT_EQ(laneOf("PUT", "/v1/monitor"), Lane::change);
     EXPECT_EQ(laneOf("POST", "/v1/lif"), Lane::change);
     EXPECT_EQ(laneOf("DELETE", "/v1/lif/::1"), Lane::change);

@@ -21,6 +21,7 @@
 #include <nasctrl/config.h>
 #include <nasctrl/power.h>
 #include <random>
+#include <semaphore>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -684,11 +685,11 @@ struct Refusal {
 };
 
 const std::vector<Refusal> kRefusals = {
-    {"an unknown path", "GET", "/v1/nothing", "", 404, "there is no such call"},
-    {"the root", "GET", "/", "", 404, "there is no such call"},
-    {"a path with a query", "GET", "/v1/status?x", "", 404, "there is no such call"},
-    {"a cluster without id", "DELETE", "/v1/clusters/", "", 404, "there is no such call"},
-    {"a path below an id", "DELETE", "/v1/clusters/5/6", "", 404, "there is no such call"},
+    {"an unknown path", "GET", "/v1/nothing", "", 404, "there is no such call in this version"},
+    {"the root", "GET", "/", "", 404, "there is no such call in this version"},
+    {"a path with a query", "GET", "/v1/status?x", "", 404, "there is no such call in this version"},
+    {"a cluster without id", "DELETE", "/v1/clusters/", "", 404, "there is no such call in this version"},
+    {"a path below an id", "DELETE", "/v1/clusters/5/6", "", 404, "there is no such call in this version"},
     {"an unknown command", "POST", "/v1/commands", R"({"module":"m","command":"c"})", 404,
      "there is no such command of that module"},
     {"another method", "DELETE", "/v1/status", "", 405, "this path answers to GET only"},
@@ -1152,6 +1153,39 @@ TEST_F(AdminDoor, NobodyWaitsForEventsAfterItsEnd)
     const uint64_t newest = host::readEvents(UINT64_MAX, 0).newest;
     host::stopAdminServer();
     EXPECT_TRUE(host::readEvents(newest, 1, std::chrono::hours(1)).events.empty());
+}
+
+// A service that keeps silent occupies every question, and must be told the end of that all the same.
+TEST_F(AdminDoor, AWordWithTheServiceDoesNotWaitForTheQuestions)
+{
+    std::counting_semaphore<> asked(0);
+    std::promise<void> answered;
+    const std::shared_future<void> end = answered.get_future().share();
+    host::admin::ServerSettings settings;
+    settings.socketPath = directory_ + "/silent.sock";
+    settings.lane = [](const host::admin::Request &request) {
+        return request.target == "/question" ? host::admin::Lane::question : host::admin::Lane::service;
+    };
+    settings.answer = [&](const host::admin::Request &request) {
+        if (request.target == "/question") {
+            asked.release();
+            end.wait();
+        }
+        return host::admin::Answer{200, request.target};
+    };
+    const host::admin::Server server(settings);
+    std::vector<std::unique_ptr<Client>> asking;
+    for (size_t i = 0; i < host::admin::kMaxQuestions; ++i) {
+        asking.push_back(std::make_unique<Client>(settings.socketPath));
+        asking.back()->send(httpRequest("POST", "/question", ""));
+        asked.acquire();
+    }
+
+    Client other(settings.socketPath);
+    other.send(httpRequest("GET", "/service", ""));
+
+    EXPECT_EQ(other.receive().body, "/service");
+    answered.set_value();
 }
 
 TEST_F(AdminDoor, MetricsComeAsPlainText)

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <gmock/gmock.h>
 #include <nasctrl/host/notify.h>
+#include <nasctrl/lif_port.h>
 #include <notify/commands.h>
 #include <notify/statistics.h>
 
@@ -58,7 +59,7 @@ TEST_F(CommandRegistry, RefusesASecondCommandOfTheSameModuleAndName)
 {
     add("one", echoInBrackets);
     EXPECT_FALSE(registerCommand({module(), "one", "other", failWithOne}));
-    EXPECT_EQ(runCommand(module(), "one", "x")->text, "[x] 65536\n");
+    EXPECT_EQ(runCommand(module(), "one", "x")->text, "[x] 1048576\n");
 }
 
 TEST_F(CommandRegistry, ListsCommandsByModuleAndName)
@@ -83,14 +84,14 @@ TEST_F(CommandRegistry, HandsTheTextInAndTheAnswerOut)
 {
     add("echo", echoInBrackets);
     const CommandAnswer answer = *runCommand(module(), "echo", "hello");
-    EXPECT_EQ(answer.text, "[hello] 65536\n");
+    EXPECT_EQ(answer.text, "[hello] 1048576\n");
     EXPECT_EQ(answer.result, 0) << "a length is a success";
 }
 
 TEST_F(CommandRegistry, GivesACommandWithoutATextAnEmptyBufferForItsAnswer)
 {
     add("echo", echoInBrackets, "-m m -c echo [-v TEXT]");
-    EXPECT_EQ(runCommand(module(), "echo", std::nullopt)->text, "[] 65536\n");
+    EXPECT_EQ(runCommand(module(), "echo", std::nullopt)->text, "[] 1048576\n");
 }
 
 TEST_F(CommandRegistry, TellsACommandThatNeedsATextByNullThatItGotNone)
@@ -125,6 +126,82 @@ TEST_F(CommandRegistry, RefusesATextThatLeavesNoRoomForItsEnd)
     add("echo", answerCut);
     EXPECT_EQ(runCommand(module(), "echo", std::string(65535, 'x'))->result, 0);
     EXPECT_EQ(runCommand(module(), "echo", std::string(65536, 'x'))->result, -E2BIG);
+}
+
+// ---- commands that the library registers
+
+class LibraryCommands : public CommandRegistry {
+protected:
+    // A record as the library hands it over, of a module with the test's name, cut to its field.
+    pum_cmd_t record(const std::string &command, host::CommandHandler handler, const std::string &usage) const
+    {
+        pum_cmd_t made{};
+        made.header0 = 29;
+        made.header1 = 1;
+        module().copy(made.module, sizeof made.module - 1);
+        command.copy(made.command, sizeof made.command);
+        usage.copy(made.usage, sizeof made.usage);
+        made.handler = handler;
+        made.tail0 = 1;
+        made.tail1 = 1;
+        return made;
+    }
+    std::string cutModule() const { return module().substr(0, sizeof(pum_cmd_t::module) - 1); }
+};
+
+TEST_F(LibraryCommands, AreRunLikeAnyOther)
+{
+    const pum_cmd_t echo = record("echo", echoInBrackets, "-m m -c echo ");
+    EXPECT_EQ(pum_register_cmd(&echo), 0);
+    EXPECT_EQ(runCommand(cutModule(), "echo", "hello")->text, "[hello] 1048576\n");
+    EXPECT_EQ(runCommand(cutModule(), "echo", std::nullopt)->text, "[] 1048576\n");
+}
+
+TEST_F(LibraryCommands, GetNullWhereTheirUsageEndsInAValueAndThereIsNone)
+{
+    const pum_cmd_t needs = record("needs", tellWhetherNull, "-m m -c needs -v ");
+    EXPECT_EQ(pum_register_cmd(&needs), 0);
+    EXPECT_EQ(runCommand(cutModule(), "needs", std::nullopt)->result, -77);
+    EXPECT_EQ(runCommand(cutModule(), "needs", "1")->result, 77);
+}
+
+TEST_F(LibraryCommands, AreCopied)
+{
+    {
+        auto gone = record("gone", failWithOne, "usage");
+        EXPECT_EQ(pum_register_cmd(&gone), 0);
+        gone = {};
+    }
+    EXPECT_EQ(runCommand(cutModule(), "gone", std::nullopt)->result, 1);
+}
+
+TEST_F(LibraryCommands, MayFillTheirFieldsToTheEnd)
+{
+    const std::string name(sizeof(pum_cmd_t::command), 'c');
+    const pum_cmd_t full = record(name, failWithOne, std::string(sizeof(pum_cmd_t::usage), 'u'));
+    EXPECT_EQ(pum_register_cmd(&full), 0);
+    EXPECT_EQ(runCommand(cutModule(), name, std::nullopt)->result, 1);
+}
+
+TEST_F(LibraryCommands, AreRefusedASecondTimeAndTheFirstStays)
+{
+    const pum_cmd_t first = record("twice", failWithOne, "usage");
+    const pum_cmd_t second = record("twice", echoInBrackets, "usage");
+    EXPECT_EQ(pum_register_cmd(&first), 0);
+    fake::reset();
+    EXPECT_EQ(pum_register_cmd(&second), -EEXIST);
+    EXPECT_EQ(runCommand(cutModule(), "twice", std::nullopt)->result, 1);
+    EXPECT_THAT(fake::library().lines,
+                ElementsAre("3 notify: command " + cutModule() + " twice cannot be registered: error -17"));
+}
+
+TEST_F(LibraryCommands, AreRefusedWithoutARecordAHandlerOrAName)
+{
+    const pum_cmd_t noHandler = record("none", nullptr, "usage");
+    const pum_cmd_t noName = record("", failWithOne, "usage");
+    EXPECT_EQ(pum_register_cmd(nullptr), -EINVAL);
+    EXPECT_EQ(pum_register_cmd(&noHandler), -EINVAL);
+    EXPECT_EQ(pum_register_cmd(&noName), -EINVAL);
 }
 
 class SysctrlCommands : public testing::Test {
@@ -228,6 +305,17 @@ TEST_F(SysctrlCommands, ListLifPortsByIndex)
     EXPECT_EQ(run("lif_list").text, "2 44 lif-a 10.0.0.1\n5 300 lif-b 10.0.0.2\n");
 }
 
+// Some failures of the library keep a hold for good; whoever looks must not wait for its end.
+TEST_F(SysctrlCommands, ListTheOtherLifPortsWhenABucketIsHeldAndSayWhichIsLeftOut)
+{
+    fake::addPort(300, 5, 1, "lif-b", "10.0.0.2");
+    fake::addPort(45, 2, 1, "lif-a", "10.0.0.1");
+    kvos_rwlock_write_lock(&g_NfsLifPortInfo.buckets[300 % NAS_LIF_PORT_BUCKETS].lock);
+    const CommandAnswer answer = run("lif_list");
+    EXPECT_EQ(answer.result, 0);
+    EXPECT_EQ(answer.text, "2 45 lif-a 10.0.0.1\nbusy: ports with an id of 44 modulo 256\n");
+}
+
 uint32_t indexOfNine(uint64_t id)
 {
     return id == 9 ? 17 : 0;
@@ -249,6 +337,17 @@ TEST_F(SysctrlCommands, ShowWhatStatisticsKnowOfALifPort)
     EXPECT_EQ(run("lif_show", "10").result, -ENOENT) << "an empty name";
     EXPECT_EQ(run("lif_show", "8").result, -ENOENT) << "a failed look-up";
     EXPECT_EQ(run("lif_show", "nine").result, -EINVAL);
+}
+
+TEST_F(SysctrlCommands, SayBusyForALifPortWhoseBucketIsHeld)
+{
+    ASSERT_EQ(statis_int_handle_register(0, indexOfNine), 0);
+    ASSERT_EQ(statis_string_handle_register(0, nameOfNine), 0);
+    fake::addPort(9, 17, 1, "lif-nine", "10.0.0.1");
+    kvos_rwlock_write_lock(&g_NfsLifPortInfo.buckets[9].lock);
+    EXPECT_EQ(run("lif_show", "9").result, -EBUSY);
+    kvos_rwlock_write_unlock(&g_NfsLifPortInfo.buckets[9].lock);
+    EXPECT_EQ(run("lif_show", "9").text, "17 lif-nine\n");
 }
 
 TEST(Statistics, RefuseAKindOutOfBoundsAndANullLookUp)

@@ -28,6 +28,7 @@ namespace {
 std::list<NasIpListNode> s_addresses;
 std::list<NasLifPortEntry> s_ports;
 std::vector<NasLifPortBucket> s_buckets(NAS_LIF_PORT_BUCKETS);
+size_t s_latestSize; // of the blocks of the pool, which no test has more than one of at a time
 
 void append(list_link &head, list_link &link)
 {
@@ -73,7 +74,7 @@ void reset()
     g_NfsLifPortInfo.find = nullptr;
     g_NfsLifPortInfo.buckets = s_buckets.data();
     for (NasLifPortBucket &bucket : s_buckets) {
-        bucket.head = {&bucket.head, &bucket.head};
+        bucket = {{}, {&bucket.head, &bucket.head}};
     }
     memset(g_nasEdsDsName, 0, sizeof(g_nasEdsDsName));
 }
@@ -126,18 +127,16 @@ uint32_t DpcGetMDomainName(char *out, uint32_t size)
     return fake::read("ds_name", out, size);
 }
 
-int32_t GetCurNodeIpList(node_ip_list **)
+int32_t GetCurNodeIpList(node_ip_list **list)
 {
     fake::record("GetCurNodeIpList()");
-    return -110;
-}
-
-void NasCtrlHandleClusterEvent(void *event)
-{
-    uint32_t client = 0;
-    CM_getEventInfo(event, 1, &client);
-    fake::library().eventTypes.push_back(*static_cast<int32_t *>(event));
-    fake::library().eventClients.push_back(client);
+    const std::string &bytes = fake::library().nodeList;
+    if (bytes.empty()) {
+        return -110;
+    }
+    *list = static_cast<node_ip_list *>(nas_mem_comm_zalloc(bytes.size(), "GetCurNodeIpList", 1));
+    memcpy(*list, bytes.data(), bytes.size());
+    return 0;
 }
 
 uint32_t NasIpMgrGetIpFamily(const char *addr)
@@ -226,17 +225,8 @@ void kvlog(uint32_t, uint32_t level, const char *, uint32_t, const char *, uint3
 
 void *nas_mem_comm_zalloc(size_t size, const char *, uint32_t)
 {
+    fake::s_latestSize = size;
     return fake::library().failAllocation ? nullptr : calloc(1, size);
-}
-
-void kvos_rwlock_read_lock(kvos_rwlock_t *lock)
-{
-    ++lock->word;
-}
-
-void kvos_rwlock_read_unlock(kvos_rwlock_t *lock)
-{
-    --lock->word;
 }
 
 // Runs the body at once, on the calling thread.
@@ -262,6 +252,16 @@ uint32_t IpcGetLocalNid()
 }
 
 namespace host {
+
+size_t blockSize(const void *)
+{
+    return fake::s_latestSize;
+}
+
+uint32_t osThreadId()
+{
+    return 1;
+}
 
 uint32_t logThreshold()
 {

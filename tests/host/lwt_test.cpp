@@ -1,4 +1,4 @@
-#include "lwt/lwt.h"
+#include "lwt_fixture.h"
 #include "platform/thread_id.h"
 
 #include <atomic>
@@ -14,46 +14,15 @@
 #include <unistd.h>
 #include <vector>
 
-// Sanitizers do not follow a fiber's change of stack.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define BACKENDS testing::Values(host::LwtBackend::threads)
-#else
-#define BACKENDS testing::Values(host::LwtBackend::fibers, host::LwtBackend::threads)
-#endif
-
 namespace {
 
-constexpr unsigned kWorkers = 2;
+using lwt::call;
+using lwt::kWorkers;
+using lwt::Lwt;
+using lwt::sleep;
+using lwt::start;
 
-void call(void *function)
-{
-    (*static_cast<std::function<void()> *>(function))();
-}
-
-// The function has to outlive the light-weight thread.
-int32_t start(std::function<void()> &function)
-{
-    void *handle = nullptr;
-    return lwt_create_default(&handle, call, &function, 1, 0xFFFFFFFF);
-}
-
-void sleep(uint32_t ms)
-{
-    kvlwt_task_sleep(ms, 666, "lwt_test", 1);
-}
-
-class Lwt : public testing::TestWithParam<host::LwtBackend> {
-protected:
-    void SetUp() override { host::startLwt(GetParam(), kWorkers); }
-    void TearDown() override { host::stopLwt(); }
-};
-
-std::string backendName(const testing::TestParamInfo<host::LwtBackend> &row)
-{
-    return row.param == host::LwtBackend::fibers ? "Fibers" : "Threads";
-}
-
-INSTANTIATE_TEST_SUITE_P(Backends, Lwt, BACKENDS, backendName);
+INSTANTIATE_TEST_SUITE_P(Backends, Lwt, lwt::kBackends, lwt::backendName);
 
 TEST_P(Lwt, RunsABodyWithItsArgumentOnAnotherThread)
 {
@@ -216,6 +185,20 @@ TEST_P(Lwt, SleepsAtLeastAsLongAsAskedOnLightWeightAndPlainThreads)
     done.wait();
 }
 
+TEST_P(Lwt, KnowsWhetherItRunsOnALightWeightThread)
+{
+    std::atomic<int32_t> inside = 0;
+    std::latch done(1);
+    std::function<void()> body = [&] {
+        inside = kvlwt_is_lwtcontext(666, "lwt_test");
+        done.count_down();
+    };
+    ASSERT_EQ(start(body), 0);
+    done.wait();
+    EXPECT_NE(inside, 0);
+    EXPECT_EQ(kvlwt_is_lwtcontext(666, "lwt_test"), 0);
+}
+
 TEST_P(Lwt, AbandonsWhoSleepsAtTheStop)
 {
     // Never destroyed, as the light-weight thread that uses it never ends.
@@ -260,6 +243,7 @@ TEST(LwtBeforeItsStart, RefusesCreationAndSleepsAsAPlainThread)
     std::function<void()> body = [] { ADD_FAILURE() << "the body ran"; };
     EXPECT_NE(start(body), 0);
     sleep(1);
+    EXPECT_EQ(kvlwt_is_lwtcontext(666, "lwt_test"), 0);
 }
 
 TEST(LwtBeforeItsStart, HasNothingToStop)

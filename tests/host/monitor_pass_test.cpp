@@ -60,6 +60,30 @@ TEST_F(MonitorPass, IsTheFirstOnlyOnce)
     EXPECT_FALSE(host::lastMonitorPass()->first);
 }
 
+TEST_F(MonitorPass, KeepsTheAddressesOfTheLatestAnswer)
+{
+    fake::listAddress("10.0.0.1", 3, 63);
+    askForAddresses();
+    askForAddresses(true);
+    const auto addresses = host::nodeAddresses();
+    ASSERT_EQ(addresses.size(), 1U) << "a query that failed has told nothing else";
+    EXPECT_EQ(addresses[0].address, "10.0.0.1");
+    EXPECT_EQ(addresses[0].protocolType, 3U);
+    EXPECT_TRUE(addresses[0].working);
+}
+
+TEST_F(MonitorPass, KeepsAnAddressThatIsNotWorkingAsSuch)
+{
+    fake::library().nodeList = std::string(8 + 72, '\0');
+    fake::library().nodeList[4] = 1;
+    fake::library().nodeList.replace(8 + 4, 3, "::1");
+    askForAddresses(true);
+    const auto addresses = host::nodeAddresses();
+    ASSERT_EQ(addresses.size(), 1U);
+    EXPECT_EQ(addresses[0].address, "::1");
+    EXPECT_FALSE(addresses[0].working);
+}
+
 TEST_F(MonitorPass, HasNoResultWhileTheQueryIsUnderWay)
 {
     host::beginMonitorPass();

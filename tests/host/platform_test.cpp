@@ -155,6 +155,23 @@ TEST_F(Log, DropsLinesAboveTheThresholdOfTheMoment)
     EXPECT_EQ(host::logThreshold(), 2U);
 }
 
+TEST_F(Log, ShowsAThreadTheNewestOfItsOwnLinesWhileItLooksOn)
+{
+    host::openLog(settings);
+    std::string last;
+    {
+        const host::OwnLogLines own;
+        EXPECT_EQ(own.last(), "");
+        kvlog(666, 3, "f.cpp", 1, "f", 0, "first");
+        kvlog(666, 3, "f.cpp", 2, "f", 0, "second %d", 2);
+        std::thread([] { kvlog(666, 3, "f.cpp", 3, "f", 0, "of another thread"); }).join();
+        last = own.last();
+    }
+    kvlog(666, 3, "f.cpp", 4, "f", 0, "unseen");
+    EXPECT_EQ(last, "second 2");
+    EXPECT_EQ(lines().size(), 4U);
+}
+
 TEST_F(Log, ClampsTheThresholdToTheHighestLevel)
 {
     host::openLog(settings);
@@ -801,6 +818,52 @@ TEST(Numbers, AreReadFromTheBeginningOfAText)
     };
     for (const Row &row : rows) {
         EXPECT_EQ(kvos_str_tou64(row.text), row.number) << (row.text != nullptr ? row.text : "null");
+    }
+}
+
+// The first outputs of the generator splitmix64 for two seeds, as published with it.
+TEST(Hash, IsTheFinaliserOfSplitmix64ReducedByTheModulus)
+{
+    constexpr uint64_t kOfZero = 0xE220A8397B1DCDAFU;
+    constexpr uint64_t kOf1234567 = 6457827717110365317U;
+    for (const uint32_t modulus : {1U, 2U, 8U, 1000U, 4096U, 0x80000000U, 0xFFFFFFFFU}) {
+        EXPECT_EQ(hash_u64_id(0, modulus), kOfZero % modulus) << modulus;
+        EXPECT_EQ(hash_u64_id(1234567, modulus), kOf1234567 % modulus) << modulus;
+    }
+}
+
+TEST(Hash, AnswersZeroForModulusZero)
+{
+    EXPECT_EQ(hash_u64_id(0, 0), 0U);
+    EXPECT_EQ(hash_u64_id(~uint64_t{0}, 0), 0U);
+}
+
+struct Ids {
+    const char *name;
+    uint64_t first;
+    uint64_t step;
+};
+
+// Ids as they come in practice: each bucket gets its share, give or take a tenth.
+TEST(Hash, SpreadsRegularIdsEvenly)
+{
+    constexpr Ids kIds[] = {
+        {"in a row", 0, 1},
+        {"multiples of 8", 0, 8},
+        {"multiples of 4096", 1, 4096},
+        {"high words", 0, uint64_t{1} << 32U},
+    };
+    constexpr uint32_t kShare = 2000;
+    for (const Ids &ids : kIds) {
+        for (const uint32_t buckets : {3U, 8U, 12U}) {
+            std::vector<uint32_t> filled(buckets);
+            for (uint64_t n = 0; n < uint64_t{buckets} * kShare; ++n) {
+                ++filled.at(hash_u64_id(ids.first + n * ids.step, buckets));
+            }
+            for (const uint32_t count : filled) {
+                EXPECT_NEAR(count, kShare, kShare / 10.0) << ids.name << ", " << buckets << " buckets";
+            }
+        }
     }
 }
 

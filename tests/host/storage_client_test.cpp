@@ -387,6 +387,8 @@ TEST_F(StorageClient, GivesUpAConnectionWithAMalformedAnswer)
         {"huge", [&](const std::string &request) { return withLength(request, 1048597); }},
         {"a request", [](const std::string &request) { return frame(18, 7, sequenceOf(request), "x"); }},
         {"a no-reply", [](const std::string &request) { return frame(18, 7, sequenceOf(request), "", 2); }},
+        {"another type", [](const std::string &request) { return frame(18, 8, sequenceOf(request), "x", 1); }},
+        {"another module", [](const std::string &request) { return frame(17, 7, sequenceOf(request), "x", 1); }},
         {"a positive result", [](const std::string &request) { return answerTo(request, "x", 5); }},
     };
     for (const Row &row : rows) {

@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace integration {
 
@@ -62,6 +63,81 @@ TemporaryDirectory::TemporaryDirectory()
 TemporaryDirectory::~TemporaryDirectory()
 {
     std::filesystem::remove_all(path_);
+}
+
+PrivateNetwork::PrivateNetwork()
+{
+    const Pipe in;
+    const Pipe out;
+    holder_ = fork();
+    if (holder_ == 0) {
+        dup2(in.read, STDIN_FILENO);
+        dup2(out.write, STDOUT_FILENO);
+        execlp("unshare", "unshare", "-Urn", "sh", "-c", "ip link set lo up && echo up && read end", nullptr);
+        _exit(127);
+    }
+    close(in.read);
+    close(out.write);
+    release_ = in.write;
+    std::array<char, 3> said{};
+    exists_ = ::read(out.read, said.data(), said.size()) == static_cast<ssize_t>(said.size());
+    close(out.read);
+}
+
+PrivateNetwork::~PrivateNetwork()
+{
+    close(release_);
+    waitpid(holder_, nullptr, 0);
+}
+
+std::vector<std::string> PrivateNetwork::prefix() const
+{
+    return {"nsenter", "--target", std::to_string(holder_), "--user", "--preserve-credentials", "--net"};
+}
+
+Outcome PrivateNetwork::run(const std::vector<std::string> &command) const
+{
+    std::vector<std::string> inside = prefix();
+    inside.insert(inside.end(), command.begin(), command.end());
+    return integration::run(inside);
+}
+
+Stored::Stored(const std::string &directory) : directory_(directory)
+{
+    write("{}");
+}
+
+Stored::~Stored()
+{
+    if (pid_ > 0) {
+        stop(SIGKILL);
+    }
+}
+
+void Stored::write(const std::string &data) const
+{
+    std::ofstream(this->data()) << data;
+}
+
+bool Stored::start()
+{
+    const Pipe ready;
+    pid_ = spawn({NASSTORED, "--socket", socket(), "--data", data(), "--no-console", "--log-file",
+                  directory_ + "/stored.log", "--ready-fd", std::to_string(ready.write)},
+                 {.kept = ready.write});
+    close(ready.write);
+    return !readAll(ready.read).empty();
+}
+
+void Stored::signal(int number) const
+{
+    kill(pid_, number);
+}
+
+int Stored::stop(int signal)
+{
+    kill(pid_, signal);
+    return exitCodeOf(std::exchange(pid_, -1));
 }
 
 Node::Node(std::vector<Module> modules) : modules_(std::move(modules))
@@ -115,7 +191,10 @@ uint16_t Node::freePort()
 
 std::vector<std::string> Node::command() const
 {
-    std::vector<std::string> command = {NASCTRLD, "--root", root(), "--log-file", root() + "/node.log", "--no-console"};
+    std::vector<std::string> command = prefix_;
+    const std::vector<std::string> own = {NASCTRLD,      "--root", root(), "--log-file", root() + "/node.log",
+                                          "--no-console"};
+    command.insert(command.end(), own.begin(), own.end());
     for (const auto &module : modules_) {
         command.emplace_back("--module");
         command.push_back(std::to_string(module.slot) + ":" + module.name + ":" + module.types + ":" +

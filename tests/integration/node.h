@@ -44,6 +44,50 @@ struct Module {
     uint16_t port;
 };
 
+// A network namespace of its own, with nothing but a loopback interface, that lives as long as the object.
+class PrivateNetwork {
+public:
+    PrivateNetwork();
+    ~PrivateNetwork();
+    PrivateNetwork(const PrivateNetwork &) = delete;
+    PrivateNetwork &operator=(const PrivateNetwork &) = delete;
+    // False where the machine refuses one.
+    bool exists() const { return exists_; }
+    // What a command is to begin with to run in it.
+    std::vector<std::string> prefix() const;
+    // Runs a command in it to its end.
+    Outcome run(const std::vector<std::string> &command) const;
+
+private:
+    pid_t holder_ = -1;
+    int release_ = -1; // the holder ends when it is closed
+    bool exists_ = false;
+};
+
+// nasstored as a process of its own, for a node that is told its socket.
+class Stored {
+public:
+    // In that directory: its socket, data file and log.
+    explicit Stored(const std::string &directory);
+    ~Stored();
+    Stored(const Stored &) = delete;
+    Stored &operator=(const Stored &) = delete;
+
+    std::string socket() const { return directory_ + "/stored.sock"; }
+    std::string data() const { return directory_ + "/stored.json"; }
+    void write(const std::string &data) const;
+    // Returns once it listens; false when it ended instead.
+    bool start();
+    void signal(int number) const;
+    // Sends the signal and returns the exit code.
+    int stop(int signal);
+    pid_t pid() const { return pid_; }
+
+private:
+    std::string directory_;
+    pid_t pid_ = -1;
+};
+
 class Node {
 public:
     // Prepares the root directory from the example node; start() starts it.
@@ -54,6 +98,8 @@ public:
 
     // Another option of its command line, for the starts that follow.
     void option(const std::string &name, const std::string &value);
+    // For the starts that follow: in that network.
+    void enter(const PrivateNetwork &network) { prefix_ = network.prefix(); }
     void signal(int number) const;
 
     const std::string &root() const { return directory_.path(); }
@@ -86,6 +132,7 @@ private:
     TemporaryDirectory directory_;
     std::vector<Module> modules_;
     std::vector<std::string> options_;
+    std::vector<std::string> prefix_;
     pid_t pid_ = -1;
     std::string startOutput_;
 };

@@ -34,8 +34,9 @@ TEST(Node, RunsTheStartStepsInOrderAndRecordsThem)
         library.push_back(step["step"]);
     }
     const std::vector<std::string> expected = {"DpcInitExternStub",    "extern_stub_init",   "nas_ctrl_init",
-                                               "nas_ctrl_handler_reg", "NasCtrlClusterInit", "NasIpMgrInitModule",
-                                               "NasLifMgrModuleStart", "nas_ctrl_power_on"};
+                                               "nas_ctrl_handler_reg", "NasCtrlClusterInit", "stub_initShardView",
+                                               "nas_fmm_module_init",  "NasIpMgrInitModule", "NasLifMgrModuleStart",
+                                               "nas_ctrl_power_on",    "NasCloudAdaptInit"};
     size_t next = 0;
     for (const auto &step : library) {
         next += next < expected.size() && step == expected[next] ? 1 : 0;

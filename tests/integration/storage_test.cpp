@@ -5,8 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace integration {
 namespace {
@@ -146,26 +144,18 @@ TEST_F(StorageNode, WithoutDataKeepsTheAddressesItWasToldAndStillHasAServiceToTe
 TEST_F(StorageNode, TakesItsAddressesFromAProcessOfItsOwnThatMayComeAndGo)
 {
     const std::string address = Node::address(68);
-    const std::string socket = node_.root() + "/stored.sock";
-    write(dataOf({{address, true}}));
-    node_.option("--storage-socket", socket);
+    Stored stored(node_.root());
+    stored.write(dataOf({{address, true}}));
+    node_.option("--storage-socket", stored.socket());
     ASSERT_TRUE(node_.start()) << node_.startOutput();
     EXPECT_TRUE(Node::eventually([&] { return node_.log().find("Get Node IP failed [-111].") != std::string::npos; }));
     EXPECT_THAT(node_.ctl({"storage", "status"}).err,
                 HasSubstr("the storage service does not answer: Connection refused"));
 
-    const pid_t stored = fork();
-    if (stored == 0) {
-        execl(NASSTORED, NASSTORED, "--socket", socket.c_str(), "--data", data().c_str(), "--no-console", "--log-file",
-              (node_.root() + "/stored.log").c_str(), nullptr);
-        _exit(127);
-    }
+    ASSERT_TRUE(stored.start());
     EXPECT_TRUE(becomes(address, "listening"));
-    EXPECT_EQ(node_.json({"storage", "status"})["pid"], stored);
-    kill(stored, SIGTERM);
-    int status = 0;
-    waitpid(stored, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(node_.json({"storage", "status"})["pid"], stored.pid());
+    EXPECT_EQ(stored.stop(SIGTERM), 0);
     EXPECT_EQ(node_.moduleState(address, "nfs"), "listening") << "what is served stays without the service";
 }
 

@@ -136,6 +136,11 @@ const RefusalRow kRefusals[] = {
     {"a list", "\n[]", "line 2: must be an object in { }"},
     {"an endless nest", repeated("[", 17), "line 1: this is nested deeper than 16 levels"},
     {"an unknown field", "{\n\n\"adresses\": []}", "line 3: \"adresses\" is not a field here"},
+    {"an unknown field over two lines", "{\n\"a\\n\\u001b[1mb\": []}",
+     "line 2: \"a\\x0a\\x1b[1mb\" is not a field here"},
+    {"a byte that is no character", "{\"a\x7F",
+     "line 1: this is no JSON: syntax error while parsing object key - invalid string: missing closing quote; last "
+     "read: '\"a\\x7f'; expected string literal"},
     {"an unknown field of an entry", "{\"tenants\": [\n{\"address\": \"::1\",\n\"tenant\":\n1}]}",
      "line 3: tenants[0]: \"tenant\" is not a field here"},
     {"a field twice", "{\"addresses\": [],\n\"addresses\": []}", "line 2: addresses: is given twice"},

@@ -38,6 +38,7 @@ TEST(Bounded, CopiesIntoNoRoomFail)
     char byte = 'x';
     EXPECT_NE(nas::strncpy_s(&byte, 0, "", 0), 0);
     EXPECT_NE(nas::memcpy_s(&byte, 0, "", 0), 0);
+    EXPECT_NE(nas::memmove_s(&byte, 0, "", 0), 0);
     EXPECT_NE(nas::memset_s(&byte, 0, 0, 0), 0);
     EXPECT_EQ(byte, 'x');
 }
@@ -48,6 +49,7 @@ TEST(Bounded, CopiesOfNullFail)
     EXPECT_NE(nas::strncpy_s(dest, sizeof dest, nullptr, 4), 0);
     EXPECT_NE(nas::strcpy_s(dest, sizeof dest, nullptr), 0);
     EXPECT_NE(nas::memcpy_s(dest, sizeof dest, nullptr, 4), 0);
+    EXPECT_NE(nas::memmove_s(dest, sizeof dest, nullptr, 4), 0);
 }
 
 TEST(Bounded, MemoryCopiesTakeTheWholeDestinationAndNoMore)
@@ -56,6 +58,10 @@ TEST(Bounded, MemoryCopiesTakeTheWholeDestinationAndNoMore)
     EXPECT_EQ(nas::memcpy_s(dest, sizeof dest, "abcd", 4), 0);
     EXPECT_EQ(std::string(dest, 4), "abcd");
     EXPECT_NE(nas::memcpy_s(dest, sizeof dest, "abcde", 5), 0);
+    EXPECT_EQ(nas::memmove_s(dest, sizeof dest, "abcd", 4), 0);
+    EXPECT_EQ(nas::memmove_s(dest + 1, 3, dest, 3), 0);
+    EXPECT_EQ(std::string(dest, 4), "aabc");
+    EXPECT_NE(nas::memmove_s(dest, sizeof dest, "abcde", 5), 0);
 }
 
 TEST(Bounded, NegativeLengthsAreNoRoom)

@@ -1,4 +1,6 @@
 // The program puts its own functions in the place of the library's empty ones, and of the C library's thread calls.
+#include "nas_ctrl_dpc_tasks.h"
+
 #include <fake_host.h>
 
 #include <atomic>
@@ -12,6 +14,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+using dpc::queuedTasks;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -90,18 +93,6 @@ protected:
         fake::reset();
     }
     void TearDown() override { EXPECT_EQ(fake::locksHeld(), 0); }
-
-    // The tasks of the list, oldest first.
-    static std::vector<dpc_event_task> tasks()
-    {
-        std::vector<dpc_event_task> found;
-        const auto *head = &g_nasDpcEventTaskList.head;
-        for (const auto *link = static_cast<list_link *>(head->next); link != head;
-             link = static_cast<list_link *>(link->next)) {
-            found.push_back(*reinterpret_cast<const dpc_event_task *>(link));
-        }
-        return found;
-    }
 };
 
 void expectUnlocked(const kvos_spinlock_t &lock)
@@ -488,7 +479,7 @@ TEST_F(Dpc, TasksAreQueuedInTheOrderOfTheirArrival)
 {
     EXPECT_EQ(AddDpcEventTask(-1, -2, -3), 0U);
     EXPECT_EQ(AddDpcEventTask(4, 5, 6), 0U);
-    const auto queued = tasks();
+    const auto queued = queuedTasks();
     ASSERT_EQ(queued.size(), 2U);
     EXPECT_EQ(queued[0].lsid, 0xFFFFFFFFU);
     EXPECT_EQ(queued[0].faultTime, 0xFFFFFFFEU);
@@ -517,7 +508,7 @@ TEST_F(Dpc, ATaskNeedsMemory)
 {
     fake::failAllocation(1);
     EXPECT_EQ(AddDpcEventTask(1, 2, 3), 0xFFFFFFFFU);
-    EXPECT_THAT(tasks(), IsEmpty());
+    EXPECT_THAT(queuedTasks(), IsEmpty());
     EXPECT_THAT(fake::log(), ElementsAre("3 PROTOCOL: Dpc event task alloc failed."));
     EXPECT_THAT(fake::logFuncs(), ElementsAre("AddDpcEventTask"));
 }
@@ -526,7 +517,7 @@ TEST_F(Dpc, AProcessFaultQueuesATaskWithTheTimeCutTo32Bits)
 {
     fake::setClock(0x100000005ULL);
     NasCtrlHandleDpcProcessFault(9, 77);
-    const auto queued = tasks();
+    const auto queued = queuedTasks();
     ASSERT_EQ(queued.size(), 1U);
     EXPECT_EQ(queued[0].lsid, 9U);
     EXPECT_EQ(queued[0].faultTime, 5U);
@@ -542,7 +533,7 @@ TEST_F(Dpc, AProcessFaultWithoutMemoryIsLogged)
 {
     fake::failAllocation(1);
     NasCtrlHandleDpcProcessFault(9, 77);
-    EXPECT_THAT(tasks(), IsEmpty());
+    EXPECT_THAT(queuedTasks(), IsEmpty());
     EXPECT_THAT(
         fake::log(),
         ElementsAre("class 1 PROTOCOL: [DPC_PROCESS_FAULT]Add dpc process fault event task lsid[9], sessionId(77).",
@@ -555,7 +546,7 @@ TEST_F(Dpc, AHeartBreakClearsTheLocksOnAThreadOfItsOwn)
 {
     NasCtrlHandleDpcHeartBreak(12);
     EXPECT_THAT(fake::calls(), ElementsAre("lwt_create_default(1, 4294967295)"));
-    EXPECT_THAT(tasks(), IsEmpty());
+    EXPECT_THAT(queuedTasks(), IsEmpty());
     EXPECT_EQ(fake::liveBlocks("NasCtrlHandleDpcHeartBreak"), 1U);
     EXPECT_FALSE(fake::runThread(0));
     EXPECT_THAT(fake::calls("NlmE_NodeFaultEvent"), ElementsAre("NlmE_NodeFaultEvent(12)"));

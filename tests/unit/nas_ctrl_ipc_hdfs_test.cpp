@@ -72,6 +72,20 @@ TEST_F(ZoneNodeIds, RunOnIntoTheNextRowWithoutAnEnd)
     EXPECT_EQ(fake::liveBlocks(), 0U);
 }
 
+TEST_F(ZoneNodeIds, MayEndWithTheAnswer)
+{
+    for (size_t length = 0; length <= 3073; ++length) {
+        fake::reset();
+        const std::string id(length, 'n');
+        fake::answerUpcall(0, answer(0, 1, {}) + id + '\0');
+        ASSERT_EQ(ask(), 0) << length;
+        ASSERT_EQ(count_, 1U) << length;
+        ASSERT_EQ(list_[0], id);
+        ReleaseHdfsGlobalZoneNodeId(list_, 1);
+        ASSERT_EQ(fake::liveBlocks(), 0U) << length;
+    }
+}
+
 TEST_F(ZoneNodeIds, OfAFailedAnswerAreItsResultWord)
 {
     for (const uint32_t result : {5U, static_cast<uint32_t>(-7)}) {

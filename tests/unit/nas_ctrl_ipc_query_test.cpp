@@ -223,6 +223,22 @@ protected:
     }
     static int32_t ask(const Question &question, void **rsp) { return ask(question, rsp, *question.request); }
 
+    // An answer of each length comes through whole, with zeros up to the question's minimum behind it.
+    void expectEveryLength(const Question &question, std::string (*answerOf)(size_t length))
+    {
+        for (size_t length = 1; length <= question.minimum + 9; ++length) {
+            SCOPED_TRACE(std::string(question.name) + " answered with " + std::to_string(length) + " bytes");
+            fake::reset();
+            const std::string answer = answerOf(length);
+            fake::answerUpcall(0, answer);
+            ASSERT_EQ(ask(question, &output_), 0);
+            const std::string expected = padded(answer, std::max(question.minimum, length));
+            ASSERT_EQ(std::string(static_cast<char *>(output_), expected.size()), expected);
+            question.release(output_);
+            ASSERT_EQ(fake::liveBlocks(), 0U);
+        }
+    }
+
     // What stands in the output when nothing is stored.
     char untouched_ = 0;
     void *output_ = &untouched_;
@@ -279,17 +295,14 @@ TEST_F(Queries, TakeTheirRequestInTheirOwnName)
 TEST_F(Queries, BringAShortAnswerUpToTheirMinimum)
 {
     for (const Question &question : questions()) {
-        for (size_t length = 1; length <= question.minimum + 9; ++length) {
-            SCOPED_TRACE(std::string(question.name) + " answered with " + std::to_string(length) + " bytes");
-            fake::reset();
-            const std::string answer = pattern(length);
-            fake::answerUpcall(0, answer);
-            ASSERT_EQ(ask(question, &output_), 0);
-            const std::string expected = padded(answer, std::max(question.minimum, length));
-            ASSERT_EQ(std::string(static_cast<char *>(output_), expected.size()), expected);
-            question.release(output_);
-            ASSERT_EQ(fake::liveBlocks(), 0U);
-        }
+        expectEveryLength(question, pattern);
+    }
+}
+
+TEST_F(Queries, BringAShortAnswerWhoseTextEndsUpToTheirMinimum)
+{
+    for (const Question &question : questions()) {
+        expectEveryLength(question, [](size_t length) { return pattern(length - 1) + '\0'; });
     }
 }
 

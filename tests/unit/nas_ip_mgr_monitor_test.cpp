@@ -332,6 +332,69 @@ TEST_F(IpMonitor, AnAddressThatVanishedIsDeletedAndToldAtTheNextValidPass)
     EXPECT_THAT(listed(), ElementsAre("10.0.0.2 3 63"));
 }
 
+// count addresses from 10.1.0.0 on.
+ip::Texts manyAddresses(size_t count)
+{
+    ip::Texts texts;
+    for (size_t i = 0; i < count; ++i) {
+        texts.push_back("10.1." + std::to_string(i / 256) + "." + std::to_string(i % 256));
+    }
+    return texts;
+}
+
+TEST_F(IpMonitor, ThousandsOfAddressesComeStayAndGo)
+{
+    const ip::Texts many = manyAddresses(3000);
+    fake::setNodeIps(ip::onNode(many));
+    NasIpMgrIpStatusMonitor();
+    EXPECT_THAT(listed(), ElementsAreArray(ip::withEnding(many, " 3 63")));
+    EXPECT_EQ(g_needRetry, 0);
+
+    NasIpMgrIpStatusMonitor();
+    EXPECT_THAT(listed(), ElementsAreArray(ip::withEnding(many, " 3 63")));
+    EXPECT_EQ(g_needRetry, 1);
+
+    fake::setNodeIps({});
+    NasIpMgrIpStatusMonitor();
+    EXPECT_THAT(listed(), IsEmpty());
+    EXPECT_EQ(ip::logStarting("6 PROTOCOL: IP[addr ").size(), 3000U);
+    EXPECT_EQ(blocksBesideLifTable(), 0U);
+}
+
+TEST_F(IpMonitor, AnAddressThatTheNodeNamesTwiceIsAddedTwiceOnceAndDeletedWhole)
+{
+    setHook(1);
+    fake::setNodeIps(ip::onNode({"10.0.0.1", "10.0.0.1"}));
+    NasIpMgrIpStatusMonitor();
+    EXPECT_THAT(listed(), ElementsAre("10.0.0.1 3 63", "10.0.0.1 3 63"));
+    EXPECT_THAT(hooks().told, ElementsAre("1 0 10.0.0.1 2", "1 0 10.0.0.1 2"));
+
+    NasIpMgrIpStatusMonitor();
+    EXPECT_THAT(listed(), ElementsAre("10.0.0.1 3 63", "10.0.0.1 3 63"));
+
+    hooks().told.clear();
+    fake::setNodeIps({});
+    NasIpMgrIpStatusMonitor();
+    EXPECT_THAT(listed(), IsEmpty());
+    EXPECT_THAT(hooks().told, ElementsAre("1 1 10.0.0.1 2", "1 1 10.0.0.1 2"));
+}
+
+TEST_F(IpMonitor, AddressesThatAreNoneAreListedPendingAndHoldNoOtherUp)
+{
+    setHook(1);
+    fake::setNodeIps(ip::onNode({"10.0.0.300", "", "fe80::1%eth0", std::string(45, '1'), "10.0.0.1"}));
+    NasIpMgrIpStatusMonitor();
+    EXPECT_THAT(listed(), ElementsAre("10.0.0.300 3 0", " 3 0", "fe80::1%eth0 3 0", std::string(45, '1') + " 3 0",
+                                      "10.0.0.1 3 63"));
+    EXPECT_THAT(hooks().told, ElementsAre("1 0 10.0.0.1 2"));
+    EXPECT_EQ(g_needRetry, 0); // it is no module that failed
+
+    fake::setNodeIps({});
+    NasIpMgrIpStatusMonitor();
+    EXPECT_THAT(listed(), IsEmpty());
+    EXPECT_EQ(blocksBesideLifTable(), 0U);
+}
+
 TEST_F(IpMonitor, AnEmptyNodeEmptiesTheList)
 {
     NasIpMgrAddToList("10.0.0.1", 3, 63);

@@ -1,138 +1,14 @@
 // Random sequences of operations on the LIF port table against a plain model, and many threads at once.
 #include "nas_lif_mgr_fixture.h"
 
-#include <array>
 #include <atomic>
-#include <deque>
 #include <random>
 #include <thread>
 
 namespace {
 
+using lif::Model;
 using lif::Texts;
-
-struct Port {
-    uint64_t id;
-    uint32_t index;
-    uint64_t time;
-    std::string name;
-    std::string ip;
-};
-
-// What the table should be, kept in the plainest way.
-class Model {
-public:
-    uint32_t add(uint64_t id, const std::string &name, const std::string &ip, uint64_t time, bool memory)
-    {
-        for (Port &port : buckets_[id % 256]) {
-            if (port.id == id) {
-                if (port.time < time) {
-                    port.time = time;
-                    port.name = name;
-                    port.ip = ip;
-                }
-                return port.index;
-            }
-        }
-        const uint32_t index = claim(id);
-        if (!memory) {
-            return 0xFFFFFFFF;
-        }
-        buckets_[id % 256].push_front({id, index, time, name, ip});
-        return index;
-    }
-
-    void remove(const std::string &ip, uint64_t time)
-    {
-        for (auto &bucket : buckets_) {
-            for (auto port = bucket.begin(); port != bucket.end(); ++port) {
-                if (port->ip == ip) {
-                    if (port->time <= time) {
-                        release(*port);
-                        bucket.erase(port);
-                    }
-                    return;
-                }
-            }
-        }
-    }
-
-    void keepOnly(const Texts &ips)
-    {
-        for (auto &bucket : buckets_) {
-            for (auto port = bucket.begin(); port != bucket.end();) {
-                if (std::find(ips.begin(), ips.end(), port->ip) != ips.end()) {
-                    ++port;
-                } else {
-                    release(*port);
-                    port = bucket.erase(port);
-                }
-            }
-        }
-    }
-
-    std::string nameOf(uint64_t id) const
-    {
-        for (const Port &port : buckets_[id % 256]) {
-            if (port.id == id) {
-                return port.name;
-            }
-        }
-        return "untouched";
-    }
-
-    uint32_t find(uint64_t id) const
-    {
-        for (uint32_t i = 0; i < 8192; ++i) {
-            if (slots_[(lif::homeSlot(id) + i) % 8192] == id) {
-                return (lif::homeSlot(id) + i) % 8192;
-            }
-        }
-        return lif::homeSlot(id);
-    }
-
-    Texts table() const
-    {
-        Texts ports;
-        for (const auto &bucket : buckets_) {
-            for (const Port &port : bucket) {
-                ports.push_back(std::to_string(port.id) + " #" + std::to_string(port.index) + " @" +
-                                std::to_string(port.time) + " " + port.name + " " + port.ip);
-            }
-        }
-        return ports;
-    }
-    bool sameSlots() const { return memcmp(slots_.data(), g_NfsLifPortInfo.slots, sizeof slots_) == 0; }
-
-private:
-    uint32_t claim(uint64_t id)
-    {
-        uint32_t slot = lif::homeSlot(id);
-        while (slots_[slot] != 0 && slots_[slot] != id) {
-            slot = (slot + 1) % 8192;
-        }
-        slots_[slot] = id;
-        return slot;
-    }
-    void release(const Port &port) { slots_[slots_[port.index] == port.id ? port.index : find(port.id)] = 0; }
-
-    std::array<uint64_t, 8192> slots_{};
-    std::array<std::deque<Port>, 256> buckets_;
-};
-
-// Ids that crowd a few home slots, some beside the wrap, and some that share a bucket.
-std::vector<uint64_t> crowdedIds()
-{
-    std::vector<uint64_t> ids;
-    for (const uint32_t home : {500U, 501U, 8190U, 8191U}) {
-        const auto some = lif::idsAt(home, 6);
-        ids.insert(ids.end(), some.begin(), some.end());
-    }
-    for (uint64_t i = 0; i < 8; ++i) {
-        ids.push_back(77 + 256 * i);
-    }
-    return ids;
-}
 
 std::string address(uint64_t number)
 {
@@ -169,7 +45,7 @@ protected:
         case 6: {
             char buffer[32] = "untouched";
             EXPECT_EQ(nas_get_lifport_name(id, buffer, sizeof buffer), 0U);
-            EXPECT_EQ(buffer, model.nameOf(id));
+            EXPECT_EQ(buffer, model.nameOf(id, "untouched"));
             break;
         }
         default:
@@ -197,7 +73,7 @@ protected:
     }
 
     std::mt19937_64 random_;
-    std::vector<uint64_t> ids_ = crowdedIds();
+    std::vector<uint64_t> ids_ = lif::crowdedIds();
 };
 
 TEST_F(LifModel, AgreesWithTheTableAfterEveryOperation)

@@ -90,6 +90,21 @@ TEST_F(LifIndex, IsSharedOnceAllSlotsAreTaken)
     EXPECT_EQ(table().size(), 8193U);
 }
 
+TEST_F(LifIndex, ThatIsSharedIsFreedByEitherOfItsPorts)
+{
+    for (uint64_t id = 1; id <= 8192; ++id) {
+        nas_lifport_add_update(id, "port", "10.0.0.1", 1);
+    }
+    const uint32_t home = nas_lifport_add_update(8193, "port", "10.0.0.2", 1);
+    const uint64_t owner = g_NfsLifPortInfo.slots[home];
+    nas_lifportid_del_update("10.0.0.2", 1);
+    EXPECT_EQ(g_NfsLifPortInfo.slots[home], 0U);
+    EXPECT_EQ(table().size(), 8192U);
+    EXPECT_EQ(nas_lifportid_hashfind(owner), lif::homeSlot(owner)); // the owner has lost its slot
+    EXPECT_EQ(nas_lifport_add_update(8194, "port", "10.0.0.3", 1), home);
+    EXPECT_EQ(lif::usedSlots(), 8192U);
+}
+
 TEST_F(LifIndex, IsReleasedWhereverItsIdStands)
 {
     const auto ids = idsAt(200, 2);

@@ -1,11 +1,13 @@
-#include "admin/lif_table.h"
+#include "adapters/lif_table.h"
 
 #include "platform/locks.h"
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <nasctrl/lif_port.h>
 
-namespace host::admin {
+namespace host {
 
 namespace {
 
@@ -100,4 +102,4 @@ bool canWriteAll()
     return true;
 }
 
-} // namespace host::admin
+} // namespace host

@@ -1,15 +1,25 @@
 /*
- * The library's table of LIF ports as the admin door reads it: bucket by bucket, each under its own lock, and without
- * waiting long for any. A hold that somebody never gives back costs the ports of its bucket and nothing else.
+ * The library's table of LIF ports as the host reads it: bucket by bucket, each under its own lock, and without waiting
+ * long for any. A hold that somebody never gives back costs the ports of its bucket and nothing else.
+ *
+ * From any thread but one that holds a lock of the table.
  */
 #pragma once
 
-#include "adapters/adapters.h"
-#include <chrono>
 #include <cstdint>
+#include <string>
 #include <vector>
 
-namespace host::admin {
+namespace host {
+
+// A LIF port as the library's table knows it.
+struct LifPort {
+    uint64_t id;
+    uint64_t time;
+    uint32_t index;
+    std::string name;
+    std::string ip;
+};
 
 struct LifTable {
     std::vector<LifPort> ports;        // by index
@@ -28,4 +38,4 @@ bool canRead(uint64_t id);
 bool canWrite(uint64_t id);
 bool canWriteAll();
 
-} // namespace host::admin
+} // namespace host

@@ -1,0 +1,276 @@
+/*
+ * The work queues of the contract: a queue owns a fixed number of worker records, some of which have a light-weight
+ * thread at any time. A job is handed to a worker that is idle, to one that is started for it, or waits its turn.
+ *
+ * A queue's mutex guards its workers' state and its waiting jobs; it is held for a few instructions, and while a worker
+ * is started, but not while a job runs. A queue is never destroyed. Callable from every thread.
+ */
+#include "lwt/waiter.h"
+#include "platform/log.h"
+
+#include <cerrno>
+#include <memory>
+#include <mutex>
+#include <nasctrl/host/lwt.h>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using host::LightThreads;
+using host::Waiter;
+
+// Circular, the oldest first; the jobs' own links.
+class JobList {
+public:
+    JobList() : head_{&head_, &head_} {}
+    JobList(const JobList &) = delete;
+    JobList &operator=(const JobList &) = delete;
+    [[nodiscard]] uint32_t size() const { return size_; }
+
+    void add(lwt_work_t *job)
+    {
+        auto *last = static_cast<list_link *>(head_.prev);
+        job->link = {&head_, last};
+        last->next = &job->link;
+        head_.prev = &job->link;
+        ++size_;
+    }
+
+    // Null when there is none.
+    lwt_work_t *take()
+    {
+        if (size_ == 0) {
+            return nullptr;
+        }
+        auto *job = static_cast<lwt_work_t *>(head_.next); // its first member
+        head_.next = job->link.next;
+        static_cast<list_link *>(head_.next)->prev = &head_;
+        job->link = {&job->link, &job->link};
+        --size_;
+        return job;
+    }
+
+private:
+    list_link head_;
+    uint32_t size_ = 0;
+};
+
+struct Bounds {
+    uint32_t minWorkers;
+    uint32_t maxWorkers;
+    uint32_t waiting;
+};
+
+class WorkQueue {
+public:
+    WorkQueue(LightThreads &threads, const Bounds &bounds) : threads_(threads), bounds_(bounds)
+    {
+        workers_.resize(bounds.maxWorkers);
+        idle_.reserve(bounds.maxWorkers);
+        unstarted_.reserve(bounds.maxWorkers);
+        for (Worker &worker : workers_) {
+            worker.queue = this;
+            unstarted_.push_back(&worker);
+        }
+    }
+
+    // The workers that there are at least. 0, or why one could not be started; those before it end.
+    int32_t startWorkers()
+    {
+        const std::lock_guard lock(mutex_);
+        for (uint32_t started = 0; started < bounds_.minWorkers; ++started) {
+            Worker *worker = unstarted_.back();
+            if (const int32_t result = startWorker(nullptr)) {
+                close();
+                return result;
+            }
+            addIdle(*worker); // already now, so that the first jobs need not wait for its first turn
+        }
+        return 0;
+    }
+
+    int32_t enqueue(lwt_work_t *job)
+    {
+        if (LightThreads::running() != &threads_) {
+            return ESRCH;
+        }
+        std::unique_lock lock(mutex_);
+        if (!idle_.empty()) {
+            Waiter *waiter = takeIdle(job);
+            lock.unlock();
+            if (waiter != nullptr) {
+                waiter->wake();
+            }
+            return 0;
+        }
+        if (!unstarted_.empty()) {
+            const int32_t result = startWorker(job);
+            const bool nobodyElse = unstarted_.size() == workers_.size();
+            if (result == 0 || nobodyElse) {
+                return result;
+            }
+        }
+        if (jobs_.size() >= bounds_.waiting) {
+            return EAGAIN;
+        }
+        jobs_.add(job);
+        return 0;
+    }
+
+private:
+    struct Worker {
+        WorkQueue *queue = nullptr;
+        lwt_work_t *job = nullptr; // handed over, not yet begun
+        Waiter *waiter = nullptr;  // while it sleeps
+        bool idle = false;         // among the idle ones
+    };
+
+    static void runWorker(void *worker)
+    {
+        auto *own = static_cast<Worker *>(worker);
+        while (lwt_work_t *job = own->queue->nextJob(*own)) {
+            job->func(job->owner);
+        }
+    }
+
+    // Under the lock. The worker begins with job, or without one.
+    int32_t startWorker(lwt_work_t *job)
+    {
+        Worker *worker = unstarted_.back();
+        worker->job = job;
+        const int32_t result = threads_.start({runWorker, worker});
+        if (result != 0) {
+            worker->job = nullptr;
+            return result;
+        }
+        unstarted_.pop_back();
+        return 0;
+    }
+
+    // Waits for a job; null when the worker has to end.
+    lwt_work_t *nextJob(Worker &worker)
+    {
+        std::unique_lock lock(mutex_);
+        if (worker.job != nullptr) {
+            return std::exchange(worker.job, nullptr);
+        }
+        if (lwt_work_t *job = jobs_.take()) {
+            return job;
+        }
+        if (closed_ || workers_.size() - unstarted_.size() > bounds_.minWorkers) {
+            unstarted_.push_back(&worker);
+            return nullptr;
+        }
+        Waiter waiter;
+        worker.waiter = &waiter;
+        if (!worker.idle) {
+            addIdle(worker);
+        }
+        lock.unlock();
+        waiter.wait();
+        // Whoever woke this worker took it off the idle ones first, and nobody else knows it.
+        worker.waiter = nullptr;
+        return std::exchange(worker.job, nullptr);
+    }
+
+    // Under the lock.
+    void addIdle(Worker &worker)
+    {
+        worker.idle = true;
+        idle_.push_back(&worker);
+    }
+
+    // Under the lock. Hands job to an idle worker; what it sleeps by, null when it does not sleep yet.
+    Waiter *takeIdle(lwt_work_t *job)
+    {
+        Worker &worker = *idle_.back();
+        idle_.pop_back();
+        worker.idle = false;
+        worker.job = job;
+        return worker.waiter;
+    }
+
+    // Under the lock, before the queue was handed out.
+    void close()
+    {
+        closed_ = true;
+        while (!idle_.empty()) {
+            if (Waiter *waiter = takeIdle(nullptr)) {
+                waiter->wake();
+            }
+        }
+    }
+
+    LightThreads &threads_;
+    const Bounds bounds_;
+    std::mutex mutex_;
+    std::vector<Worker> workers_;
+    std::vector<Worker *> idle_;      // asleep, or on their way there; none while jobs wait
+    std::vector<Worker *> unstarted_; // without a light-weight thread
+    JobList jobs_;                    // that wait
+    bool closed_ = false;
+};
+
+// Queues live as long as the process, those too whose workers could not all be started: some may still be ending.
+std::vector<std::unique_ptr<WorkQueue>> &keptQueues()
+{
+    static auto &kept = *new std::vector<std::unique_ptr<WorkQueue>>;
+    return kept;
+}
+
+std::mutex s_keptLock;
+
+WorkQueue *makeQueue(LightThreads &threads, const Bounds &bounds)
+{
+    auto queue = std::make_unique<WorkQueue>(threads, bounds);
+    WorkQueue *made = queue.get();
+    const std::lock_guard lock(s_keptLock);
+    keptQueues().push_back(std::move(queue));
+    return made;
+}
+
+// 0 and the queue, or why it cannot be had.
+int32_t createQueue(const Bounds &bounds, WorkQueue **created)
+{
+    LightThreads *threads = LightThreads::running();
+    if (threads == nullptr) {
+        return ESRCH;
+    }
+    if (bounds.maxWorkers == 0 || bounds.minWorkers > bounds.maxWorkers) {
+        return EINVAL;
+    }
+    try {
+        *created = makeQueue(*threads, bounds);
+    } catch (const std::bad_alloc &) {
+        return ENOMEM;
+    }
+    return (*created)->startWorkers();
+}
+
+} // namespace
+
+void *lwt_workqueue_create(const char *name, uint32_t a, uint32_t b, uint32_t c)
+{
+    const char *shown = name != nullptr ? name : "(null)";
+    WorkQueue *queue = nullptr;
+    const int32_t result = createQueue({a, b, c}, &queue);
+    if (result != 0) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "light-weight threads: work queue %s (%u to %u workers, %u waiting): error %d",
+                 shown, a, b, c, result);
+        return nullptr;
+    }
+    HOST_LOG(NASCTRL_LOG_INFO, "light-weight threads: work queue %s with %u to %u workers, %u jobs may wait", shown, a,
+             b, c);
+    return queue;
+}
+
+int32_t lwt_work_enqueue(void *queue, lwt_work_t *item)
+{
+    if (queue == nullptr || item == nullptr || item->func == nullptr || item->link.next != &item->link) {
+        return EINVAL;
+    }
+    return static_cast<WorkQueue *>(queue)->enqueue(item);
+}

@@ -1,0 +1,118 @@
+// What the admin door answers about the FMM events, asked without a socket; the host's FMM side is the test's own.
+#include "admin/routes.h"
+#include "fmm/fmm.h"
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+struct Fmm {
+    host::FmmState state;
+    std::vector<std::string> announced;
+};
+Fmm g_fmm;
+
+} // namespace
+
+namespace host {
+
+FmmState fmmState()
+{
+    return g_fmm.state;
+}
+bool announceShardChange()
+{
+    g_fmm.announced.emplace_back("shard change");
+    return g_fmm.state.subscribed;
+}
+void announceProcessFault(uint32_t lsId)
+{
+    g_fmm.announced.push_back("fault " + std::to_string(lsId));
+    g_fmm.state.faulty.push_back({lsId, std::chrono::milliseconds(0)});
+}
+void announceProcessRecovery(uint32_t lsId)
+{
+    g_fmm.announced.push_back("recovery " + std::to_string(lsId));
+}
+void announceMove(FmmMove move)
+{
+    g_fmm.announced.push_back("move " + std::to_string(static_cast<int>(move)));
+}
+
+} // namespace host
+
+namespace {
+
+class AdminFmm : public testing::Test {
+protected:
+    void SetUp() override { g_fmm = {}; }
+    static host::admin::Answer ask(const std::string &method, const std::string &body = "")
+    {
+        return host::admin::answerRequest({method, "/v1/fmm", body});
+    }
+};
+
+TEST_F(AdminFmm, ShowsTheSubscriptionAndTheProcessesOnRecord)
+{
+    using std::chrono::milliseconds;
+    g_fmm.state = {true, 3, 1, {{7, milliseconds(1500)}, {12, milliseconds(0)}}};
+    EXPECT_EQ(ask("GET").body, R"({"shard_changes":{"subscribed":true,"announced":3},)"
+                               R"("faulty_processes":[{"ls":7,"age_ms":1500},{"ls":12,"age_ms":0}],"recoveries":1})");
+}
+
+TEST_F(AdminFmm, AnnouncesEventsByTheirNames)
+{
+    struct Row {
+        const char *body;
+        const char *announced;
+    };
+    constexpr Row kRows[] = {
+        {R"({"event":"shard-change"})", "shard change"},
+        {R"({"event":"vnode-move-in"})", "move 0"},
+        {R"({"event":"vnode-move-out"})", "move 1"},
+        {R"({"event":"shard-move-in"})", "move 2"},
+        {R"({"event":"shard-move-out"})", "move 3"},
+        {R"({"event":"process-fault","ls":12})", "fault 12"},
+        {R"({"event":"process-recover","ls":4294967295})", "recovery 4294967295"},
+    };
+    for (const Row &row : kRows) {
+        g_fmm = {};
+        g_fmm.state.subscribed = true;
+        EXPECT_EQ(ask("POST", row.body).status, 200U) << row.body;
+        EXPECT_THAT(g_fmm.announced, ElementsAre(row.announced)) << row.body;
+    }
+}
+
+TEST_F(AdminFmm, AnswersTheStateAfterTheEvent)
+{
+    EXPECT_EQ(ask("POST", R"({"event":"process-fault","ls":12})").body,
+              R"({"shard_changes":{"subscribed":false,"announced":0},)"
+              R"("faulty_processes":[{"ls":12,"age_ms":0}],"recoveries":0})");
+}
+
+TEST_F(AdminFmm, RefusesWhatIsNoEvent)
+{
+    for (const char *body : {"", "{}", R"({"event":"storm"})", R"({"event":5})", R"({"event":"process-fault"})",
+                             R"({"event":"process-fault","ls":-1})", R"({"event":"process-fault","ls":4294967296})",
+                             R"({"event":"shard-change","ls":1})", R"({"event":"shard-change","more":1})"}) {
+        EXPECT_EQ(ask("POST", body).status, 400U) << body;
+    }
+    EXPECT_THAT(g_fmm.announced, IsEmpty());
+}
+
+TEST_F(AdminFmm, NamesTheEventsThatThereAre)
+{
+    EXPECT_THAT(ask("POST", R"({"event":"storm"})").body,
+                testing::HasSubstr("event: must be shard-change, vnode-move-in, vnode-move-out, shard-move-in, "
+                                   "shard-move-out, process-fault or process-recover"));
+}
+
+TEST_F(AdminFmm, FailsAShardChangeThatNobodySubscribedTo)
+{
+    EXPECT_EQ(ask("POST", R"({"event":"shard-change"})").status, 500U);
+}
+
+} // namespace
