@@ -30,6 +30,8 @@ refused as_service touch /etc/nasctrl/storage.json
 refused as_service touch /opt/file
 refused nsenter -m -t "$pid" touch /etc/file
 
+[ "$(stat -c %U /var/lib/nasctrl/cluster.db)" = nasctrl ]
+
 # The storage-side service as a process of its own.
 sed -i 's|^storage-data|# storage-data|; s|^# storage-socket|storage-socket|' /etc/nasctrl/nasctrld.conf
 systemctl stop nasctrld
@@ -51,4 +53,4 @@ journalctl --no-pager -u nasctrld | grep -q 'perid: no such option; did you mean
 DEBIAN_FRONTEND=noninteractive dpkg --purge nasctrl
 refused systemctl is-active --quiet nasstored
 refused getent passwd nasctrl
-[ ! -e /opt/dr ] && [ ! -e /opt/ostrak ] && [ ! -e /etc/nasctrl ] && [ ! -e /run/nasctrl ]
+[ ! -e /opt/dr ] && [ ! -e /opt/ostrak ] && [ ! -e /etc/nasctrl ] && [ ! -e /run/nasctrl ] && [ ! -e /var/lib/nasctrl ]
