@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the build into an empty folder, and builds two foreign projects against it: C with pkg-config, C++ with CMake.
+# Installs the build into an empty folder, and builds foreign projects against it.
 # Usage: install_test.sh CMAKE BUILD-DIRECTORY VERSION
 set -euo pipefail
 cmake=$1 build=$2 version=$3
@@ -12,30 +12,8 @@ libdir=$(dirname "$(find "$prefix" -name libnasctrl.so)")
 [ "$(readlink "$libdir/libnasctrl.so")" = "libnasctrl.so.${version%%.*}" ]
 [ "$(readlink "$libdir/libnasctrl.so.${version%%.*}")" = "libnasctrl.so.$version" ]
 readelf -d "$libdir/libnasctrl.so" | grep -q "soname: \[libnasctrl.so.${version%%.*}\]"
-
-cat >"$work/host.c" <<'C'
-#include <nasctrl/nasctrl.h>
-int main(void) { return (int)GetNasPowerOnStatus(); }
-C
-cp "$work/host.c" "$work/host.cpp"
-
-# The functions that a host supplies are not of interest here.
-no_host=-Wl,--unresolved-symbols=ignore-in-shared-libs
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-[ "$(pkg-config --modversion nasctrl)" = "$version" ]
-# shellcheck disable=SC2046
-cc -std=c11 -Wall -Werror "$work/host.c" -o "$work/host" $(pkg-config --cflags --libs nasctrl) $no_host
-
-cat >"$work/CMakeLists.txt" <<C
-cmake_minimum_required(VERSION 3.25)
-project(foreign CXX)
-find_package(nasctrl ${version%%.*} REQUIRED)
-add_executable(foreign host.cpp)
-target_link_libraries(foreign PRIVATE nasctrl::nasctrl)
-target_link_options(foreign PRIVATE $no_host)
-C
-"$cmake" -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-"$cmake" --build "$work/build" >/dev/null
+"$(dirname "$0")/foreign_projects.sh" "$version" -DCMAKE_PREFIX_PATH="$prefix"
 
 # The minimal host, as the embedding guide builds it: from a copy, with a plain compiler and with CMake.
 if [ -x "$prefix/bin/nasctrl-hostcheck" ]; then
