@@ -57,6 +57,15 @@ Json getEvents(const CallInput &input);
 Json getFileLocks(const CallInput &input);
 Json postFileLock(const CallInput &input);
 Json deleteFileLock(const CallInput &input);
+Json getShards(const CallInput &input);
+Json getShardIndex(const CallInput &input);
+Json getFspPlacement(const CallInput &input);
+Json postFsp(const CallInput &input);
+Json postMigration(const CallInput &input);
+Json postFailback(const CallInput &input);
+Json postFspMove(const CallInput &input);
+Json getShardPolicy(const CallInput &input);
+Json putShardPolicy(const CallInput &input);
 
 // What the node counts, as Prometheus text.
 std::string metricsText();

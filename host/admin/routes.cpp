@@ -70,6 +70,15 @@ constexpr std::array kRoutes = {
     Route{"GET", "/v1/locks", Lane::read, json<getFileLocks>},
     Route{"POST", "/v1/locks", Lane::change, json<postFileLock>},
     Route{"DELETE", "/v1/locks", Lane::change, json<deleteFileLock>},
+    Route{"GET", "/v1/shards", Lane::read, json<getShards>},
+    Route{"GET", "/v1/shards/index", Lane::read, json<getShardIndex>},
+    Route{"GET", "/v1/shards/fsps/*", Lane::question, json<getFspPlacement>},
+    Route{"POST", "/v1/shards/fsps", Lane::change, json<postFsp>},
+    Route{"POST", "/v1/shards/migrate", Lane::change, json<postMigration>},
+    Route{"POST", "/v1/shards/failback", Lane::change, json<postFailback>},
+    Route{"POST", "/v1/shards/move", Lane::change, json<postFspMove>},
+    Route{"GET", "/v1/shards/policy", Lane::read, json<getShardPolicy>},
+    Route{"PUT", "/v1/shards/policy", Lane::change, json<putShardPolicy>},
 };
 
 bool pathMatches(const Route &route, std::string_view path)
