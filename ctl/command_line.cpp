@@ -48,6 +48,8 @@ private:
     void defineCommands();
     void defineLog();
     void defineStorage();
+    void defineClients();
+    void defineNames();
     void defineLifPorts();
     void defineVpcs();
     void defineQuestions();
@@ -104,6 +106,8 @@ Grammar::Grammar()
     defineCommands();
     defineLog();
     defineStorage();
+    defineClients();
+    defineNames();
     defineLifPorts();
     defineVpcs();
     defineQuestions();
@@ -326,6 +330,32 @@ void Grammar::defineStorage()
                  "An answer as it should be, late, none, cut, or an error", args_.words, true);
 }
 
+void Grammar::defineClients()
+{
+    leaf(&app_, "view", "The view of the parallel clients, and who is the master", showView);
+    leaf(&app_, "master", "The cluster's master", showMaster);
+    CLI::App *dpc = family("dpc", "Parallel clients: ls, show, join, leave, kill, fault");
+    leaf(dpc, "ls", "List them", listClients);
+    const auto ofLs = [&](const char *name, const char *text, Action action) {
+        CLI::App *command = leaf(dpc, name, text, std::move(action));
+        addText(command, "LS", args_.id, "LS id of the client", "")->required();
+        return command;
+    };
+    ofLs("show", "One of them", [this](const Session &session) { return showClient(session, *args_.id); });
+    CLI::App *join =
+        ofLs("join", "Be a client: live until Ctrl-C, which leaves; kill -9 is a heart break",
+             [this](const Session &session) { return joinCluster(session, *args_.id, args_.time, args_.words); });
+    addText(join, "--ttl", args_.time, "Seconds that its lease lasts without a heart beat [3]", "SECONDS");
+    collectWords(join, "--attribute", "NAME=VALUE that other nodes shall see of it", args_.words, false);
+    ofLs("leave", "Take a client out of the view",
+         [this](const Session &session) { return leaveCluster(session, *args_.id); });
+    ofLs("kill", "Report that a client's process died",
+         [this](const Session &session) { return killClient(session, *args_.id); });
+    CLI::App *fault = ofLs("fault", "Report a client faulty and leave its process alone",
+                           [this](const Session &session) { return faultClient(session, *args_.id, args_.value); });
+    addText(fault, "--reason", args_.value, "2 process fault, 3 heart break, or another number [2]", "N");
+}
+
 void Grammar::defineEvents()
 {
     CLI::App *events = leaf(&app_, "events", "What the modules were told and what the node saw, one line each",
@@ -350,6 +380,21 @@ void Grammar::defineLocks()
     for (CLI::App *command : {take, release}) {
         addText(command, "--ls", args_.lsId, "LS id of the client", "ID")->required();
     }
+}
+
+void Grammar::defineNames()
+{
+    CLI::App *ns = family("ns", "The version record in the cluster's name service: show, create, read, publish");
+    leaf(ns, "show", "The node's copy of it, without asking the cluster store", showName);
+    leaf(ns, "create", "Create it, unless it is there", createName);
+    leaf(ns, "read", "Read it anew", readName);
+    CLI::App *publish = leaf(ns, "publish", "Publish a new FL",
+                             [this](const Session &session) { return publishName(session, *args_.value); });
+    addText(publish, "FL", args_.value, "0 to 4294967295", "")->required();
+    CLI::App *version = family("version", "Compatible-version texts: parse");
+    CLI::App *parse = leaf(version, "parse", "The versions that a text such as [1],[3-5] stands for",
+                           [this](const Session &session) { return parseVersions(session, *args_.value); });
+    addText(parse, "TEXT", args_.value, "The text", "")->required();
 }
 
 void Grammar::defineShards()

@@ -19,8 +19,10 @@ namespace host {
 namespace {
 
 constexpr const char *kRunDirectory = "/run/nasctrl";
+constexpr const char *kStateDirectory = "/var/lib/nasctrl"; // outlives the machine's restart
 constexpr unsigned kMaxPeriodSeconds = 600;
 constexpr unsigned kMaxThreads = 64;
+constexpr unsigned kMaxLeaseSeconds = 3600;
 constexpr unsigned kMaxStorageTimeoutMs = 3600000;
 constexpr unsigned kMaxTenantId = 1024;
 constexpr size_t kMaxTenantName = 63;
@@ -144,6 +146,14 @@ void setNodeName(NodeOptions &options, const std::string &text)
     options.adapters.nodeName = text;
 }
 
+void setStore(NodeOptions &options, const std::string &text)
+{
+    options.store = parseStore(text);
+    if (!options.store.file.empty()) {
+        options.store.file = path(options.store.file);
+    }
+}
+
 constexpr OptionRow kRows[] = {
     {"root", "DIR", "Run against DIR/opt in the place of /opt",
      [](NodeOptions &o, const std::string &text) { o.root = path(text); }},
@@ -164,6 +174,9 @@ constexpr OptionRow kRows[] = {
      [](NodeOptions &o, const std::string &text) {
          o.messages.storageTimeout = std::chrono::milliseconds(count(text, kMaxStorageTimeoutMs));
      }},
+    {"store", "KIND:PLACE", "Cluster store: sqlite:PATH or etcd:URL[,URL...] [sqlite:ROOT/var/cluster.db]", setStore},
+    {"lease", "SECONDS", "How long the cluster takes a silent node for alive [5]",
+     [](NodeOptions &o, const std::string &text) { o.lease = std::chrono::seconds(count(text, kMaxLeaseSeconds)); }},
     {"message-clients", "N", "Clients of the message service at once [1024]",
      [](NodeOptions &o, const std::string &text) { o.messages.clients = count(text, kMaxMessageClients); }},
     {"log-file", "PATH", "Append the log to this file",
@@ -290,6 +303,10 @@ void setDefaults(NodeOptions &options)
     }
     if (options.adminSocket.empty()) {
         options.adminSocket = run + "/admin.sock";
+    }
+    if (options.store.file.empty() && options.store.endpoints.empty()) {
+        options.store.file =
+            (options.root.empty() ? std::string(kStateDirectory) : options.root + "/var") + "/cluster.db";
     }
     if (options.adapters.lsIds.empty()) {
         options.adapters.lsIds = {options.nodeId};

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "adapters/adapters.h"
+#include "cluster/store.h"
 #include "lwt/lwt.h"
 #include "message/message_service.h"
 #include "modules/modules.h"
@@ -25,9 +26,11 @@ struct NodeOptions {
     bool embedsStorage = true; // the storage-side service is not a process of its own
     std::string storageData;   // the embedded service's data file; empty = none
     std::string adminSocket;
+    StoreSettings store; // of the cluster
     LogSettings log;
     LwtBackend lwtBackend = kDefaultLwtBackend;
     unsigned lwtWorkers = 2;
+    std::chrono::seconds lease{5}; // how long the cluster takes a silent node for alive
     AdapterSettings adapters;
     std::optional<unsigned> period; // seconds between address queries; nothing = the library's own
     std::optional<int> readyFd;     // told, and closed, when the node is ready

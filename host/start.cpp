@@ -5,6 +5,7 @@
 
 #include "admin/admin_server.h"
 #include "cluster/cm_client.h"
+#include "cluster/name_service.h"
 #include "config/ini_file.h"
 #include "fmm/policy_runner.h"
 #include "node.h"
@@ -90,6 +91,33 @@ int32_t startCloudAdapter(const NodeOptions &options)
     return NasCloudAdaptInit();
 }
 
+int32_t startStore(const NodeOptions &options)
+{
+    startClusterStore(options.store);
+    startNameService();
+    return 0;
+}
+
+void stopStore()
+{
+    stopNameService();
+    stopClusterStore();
+}
+
+// A name service that does not answer fails no start: nasctl ns create makes the name later.
+int32_t createVersionName(const NodeOptions &)
+{
+    const char *name = GetNasCtrlClusterNsName();
+    const auto store = clusterStore();
+    const StoreResult found = store->read(keyOfName(s_nasctrlDpcNsHdl, name)).result;
+    if (found == StoreResult::absent) {
+        NasCtrlDpcCreateNs(); // logs how it went
+    } else if (found == StoreResult::unknown) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "start: name %s is not looked for: %s", name, store->status().error.c_str());
+    }
+    return 0;
+}
+
 int32_t done(void (*call)())
 {
     call();
@@ -129,15 +157,22 @@ constexpr Step kSteps[] = {
          return 0;
      },
      stopMessageService},
+    {"cluster store", startStore, stopStore},
+    {"CM client",
+     [](const NodeOptions &o) {
+         configureCmClient({o.nodeId, o.adapters.nodeName, o.lease});
+         return 0;
+     }},
     {"nas_ctrl_cluster_list_init", [](const NodeOptions &) { return done(nas_ctrl_cluster_list_init); }},
     {"DpcInitExternStub", [](const NodeOptions &) { return static_cast<int32_t>(DpcInitExternStub()); }},
     {"extern_stub_init", [](const NodeOptions &) { return static_cast<int32_t>(extern_stub_init()); }},
     {"nas_ctrl_init", [](const NodeOptions &) { return static_cast<int32_t>(nas_ctrl_init()); }},
     {"nas_ctrl_handler_reg", [](const NodeOptions &) { return nas_ctrl_handler_reg(); }},
     {"NasCtrlClusterInit", [](const NodeOptions &) { return static_cast<int32_t>(NasCtrlClusterInit()); }},
+    {"version name", createVersionName},
     {"stub_initShardView", buildShardView},
     {"nas_fmm_module_init", [](const NodeOptions &) { return nas_fmm_module_init(); }},
-    {"CM connect event", [](const NodeOptions &) { return connectCmClient(); }},
+    {"CM connect event", [](const NodeOptions &) { return connectCmClient(); }, stopCmClient},
     {"service door", [](const NodeOptions &) { return done(shutServiceDoor); }},
     {"module hooks", [](const NodeOptions &) { return done(registerModuleHooks); }},
     {"address query period", setPeriod},

@@ -102,6 +102,25 @@ int setLogLevel(const Session &session, const std::string &level, const std::opt
 // Accounts with live blocks, or all that ever had one.
 int showMemory(const Session &session, bool all);
 
+int showView(const Session &session);
+int showMaster(const Session &session);
+int listClients(const Session &session);
+int showClient(const Session &session, const std::string &lsId);
+// Is the client's process: stays until a signal ends it or its lease is gone.
+int joinCluster(const Session &session, const std::string &lsId, const std::optional<std::string> &ttl,
+                const Words &attributes);
+int leaveCluster(const Session &session, const std::string &lsId);
+int killClient(const Session &session, const std::string &lsId);
+int faultClient(const Session &session, const std::string &lsId, const std::optional<std::string> &reason);
+
+// The version record in the cluster's name service: the node's copy, or after a creation, a read or a publication.
+int showName(const Session &session);
+int createName(const Session &session);
+int readName(const Session &session);
+int publishName(const Session &session, const std::string &fl);
+// Reads a compatible-version text as the node does.
+int parseVersions(const Session &session, const std::string &text);
+
 int showStorage(const Session &session);
 // [TYPE|all] FAULT [VALUE]
 int setStorageFault(const Session &session, const Words &words);

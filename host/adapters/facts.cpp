@@ -13,7 +13,6 @@
 #include <nasctrl/config.h>
 #include <nasctrl/control.h>
 #include <nasctrl/host/adapters.h>
-#include <nasctrl/host/cluster.h>
 #include <unistd.h>
 
 namespace host {
@@ -105,16 +104,6 @@ uint32_t CgwGetInitLocalLsId(void)
 uint32_t CgwGetClientLsIdByWwn(uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t)
 {
     return host::nodeIdentity().id;
-}
-
-// A node that knows no other is the master.
-int32_t getGlbMasterLsId(uint32_t *ls_id)
-{
-    if (ls_id == nullptr) {
-        return -EINVAL;
-    }
-    *ls_id = host::nodeIdentity().id;
-    return 0;
 }
 
 // The address of dpc_data_ip, read once: the text must not change under a caller that keeps the pointer.

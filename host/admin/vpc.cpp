@@ -73,7 +73,7 @@ bool breaksTheFile(char c)
 
 std::string idField(const Json &fields)
 {
-    const std::string id = textField(fields, "id");
+    std::string id = textField(fields, "id");
     if (id.empty() || id.size() > kMaxId) {
         throw CallError(kBadRequest, "id: must have 1 to " + std::to_string(kMaxId) + " bytes");
     }

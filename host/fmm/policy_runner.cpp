@@ -138,6 +138,9 @@ void stopShardPolicy()
 
 void reportStorageLs(uint32_t lsId, bool faulty)
 {
+    if (shardOf(readShards(), lsId) == nullptr) {
+        return;
+    }
     const std::lock_guard hold(s_lock);
     s_policy.report(lsId, faulty, Clock::now());
     wake();

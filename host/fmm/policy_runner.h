@@ -14,7 +14,7 @@ void startShardPolicy();
 // Ends it, after the step that it is at.
 void stopShardPolicy();
 
-// A storage LS failed, or runs again. From any thread; never waits for a move.
+// A storage LS failed, or runs again; one that serves no shard is passed over. From any thread; never waits for a move.
 void reportStorageLs(uint32_t lsId, bool faulty);
 
 // An operator moved the FSPs of an LS away or back; the policy leaves it to him to move them on.

@@ -36,6 +36,9 @@ void ShardPolicy::setMode(PolicyMode mode)
 
 void ShardPolicy::report(uint32_t lsId, bool faulty, Time now)
 {
+    if (!faulty && !reports_.contains(lsId)) {
+        return;
+    }
     const auto [found, isNew] = reports_.try_emplace(lsId, StorageReport{faulty, now, false});
     if (isNew || found->second.faulty != faulty) {
         found->second.faulty = faulty;

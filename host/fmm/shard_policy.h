@@ -57,7 +57,7 @@ public:
     // How long an LS has to run before its FSPs go back.
     void setSteady(std::chrono::seconds steady) { steady_ = steady; }
 
-    // An LS failed or runs again. The same state again changes nothing.
+    // An LS failed or runs again. The same state again changes nothing, and who never failed needs no record.
     void report(uint32_t lsId, bool faulty, Time now);
     // By LS id.
     const std::map<uint32_t, StorageReport> &reports() const { return reports_; }

@@ -230,6 +230,34 @@ std::array<uint64_t, host::kMaxLogLevel + 1> host::logLineCounts()
     return counts;
 }
 
+namespace {
+
+thread_local host::OwnLogLines *t_onlooker = nullptr;
+
+} // namespace
+
+host::OwnLogLines::OwnLogLines()
+{
+    t_onlooker = this;
+}
+
+host::OwnLogLines::~OwnLogLines()
+{
+    t_onlooker = nullptr;
+}
+
+std::string host::OwnLogLines::last() const
+{
+    return last_;
+}
+
+void host::keepOwnLine(std::string_view text)
+{
+    if (t_onlooker != nullptr) {
+        t_onlooker->last_ = text;
+    }
+}
+
 // Most lines are dropped, so nothing comes before the comparison. errno is left alone: callers log it afterwards.
 void kvlog(uint32_t module, uint32_t level, const char *file, uint32_t line, const char *func, uint32_t /*zero*/,
            const char *format, ...)
@@ -241,7 +269,9 @@ void kvlog(uint32_t module, uint32_t level, const char *file, uint32_t line, con
     va_list args;
     va_start(args, format);
     try {
-        write({module, level, file, line, func}, Text(format, args).view());
+        const Text text(format, args);
+        host::keepOwnLine(text.view());
+        write({module, level, file, line, func}, text.view());
     } catch (const std::exception &) {
         // Short of memory: the record is lost, the caller goes on.
         std::fputs("nasctrld: a log record was lost\n", stderr);

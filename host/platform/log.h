@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <nasctrl/host/log.h>
 #include <string>
+#include <string_view>
 
 // One line in the name of the host itself.
 #define HOST_LOG(level, ...) kvlog(host::kLogModule, (level), __FILE_NAME__, __LINE__, __func__, 0, __VA_ARGS__)
@@ -35,6 +36,22 @@ uint32_t logThreshold();
 void setLogThreshold(uint32_t level);
 uint32_t logClassLevel(uint32_t logClass);
 void setLogClassLevel(uint32_t logClass, uint32_t level);
+
+void keepOwnLine(std::string_view text); // for the onlooker below, if this thread has one
+
+// Looks on at what this thread writes to the log, for a call whose failure the log alone explains. One at a time.
+class OwnLogLines {
+public:
+    OwnLogLines();
+    ~OwnLogLines();
+    OwnLogLines(const OwnLogLines &) = delete;
+    OwnLogLines &operator=(const OwnLogLines &) = delete;
+    std::string last() const; // the text of the newest line; empty when there is none
+
+private:
+    std::string last_;
+    friend void keepOwnLine(std::string_view text);
+};
 
 // Lines written since the start of the process, by level.
 std::array<uint64_t, kMaxLogLevel + 1> logLineCounts();

@@ -6,7 +6,6 @@
  */
 #include <arpa/inet.h>
 #include <cerrno>
-#include <compare>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -113,7 +112,7 @@ in_addr_t addressOf(const sockaddr *a)
 /* Equal records are out of order too, so that they change places. */
 bool outOfOrder(const vpc_record &first, const vpc_record &second)
 {
-    const std::strong_ordering ids = idOf(first) <=> idOf(second);
+    const int ids = idOf(first).compare(idOf(second));
     return ids > 0 || (ids == 0 && ipOf(first) >= ipOf(second));
 }
 

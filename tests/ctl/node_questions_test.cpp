@@ -47,6 +47,16 @@ constexpr char kAdded[] =
 constexpr char kAddedTable[] = "ID  INDEX  NAME  ADDRESS   TIME  PERFORMANCE\n"
                                " 5     17  eth0  10.0.0.1     9  on\n";
 
+constexpr char kName[] =
+    R"({"name": "N", "store": {"place": "/c.db", "reachable": true, "error": "an old one"}, "version": 3,)"
+    R"( "local": {"version": 2, "fl": 5, "seq": 9}, "published": 4})";
+
+constexpr char kNameTable[] = "name        N\n"
+                              "store       /c.db\n"
+                              "version     3\n"
+                              "local copy  version 2, FL 5, seq 9\n"
+                              "published   4 by this node\n";
+
 constexpr char kZone[] =
     R"({"question": "zone", "code": 0, "reason": null, "answer": {"result": 0, "count": 2, "entries": [)"
     R"({"address": "10.0.0.1", "protocol_type": 3, "work_status": 1},)"
@@ -303,6 +313,49 @@ const AnsweredRow kRows[] = {
      "tenant id   missing\n"
      "rest        6101\n"
      "            a.\n"},
+    {"Name", {"ns", "show"}, "GET /v1/name", "", kName, kNameTable},
+    {"NameOfAnUnreachableStore",
+     {"ns", "show"},
+     "GET /v1/name",
+     "",
+     R"({"name": "N", "store": {"place": "http://a:1", "reachable": false, "error": "gone"}, "version": 0,)"
+     R"( "local": {"version": 0, "fl": 0, "seq": 0}, "published": 0})",
+     "name        N\n"
+     "store       http://a:1 (unreachable: gone)\n"
+     "version     0\n"
+     "local copy  version 0, FL 0, seq 0\n"
+     "published   0 by this node\n"},
+    {"NameWithoutAStore",
+     {"ns", "show"},
+     "GET /v1/name",
+     "",
+     R"({"name": "N", "store": null, "version": 0, "local": {"version": 0, "fl": 0, "seq": 0}, "published": 0})",
+     "name        N\n"
+     "store       none\n"
+     "version     0\n"
+     "local copy  version 0, FL 0, seq 0\n"
+     "published   0 by this node\n"},
+    {"NameReadAnew", {"ns", "read"}, "POST /v1/name/read", "", kName, kNameTable},
+    {"PublishedName", {"ns", "publish", "0x5"}, "POST /v1/name/publish", R"({"fl":5})", kName, kNameTable},
+    {"CreatedName", {"ns", "create"}, "POST /v1/name", "", R"({"name": "N", "created": true})", "N: created\n"},
+    {"NameThatWasThere",
+     {"ns", "create"},
+     "POST /v1/name",
+     "",
+     R"({"name": "N", "created": false})",
+     "N: was there already\n"},
+    {"Versions",
+     {"version", "parse", "[1],[3-5]"},
+     "POST /v1/versions",
+     R"({"text":"[1],[3-5]"})",
+     R"({"result": 0, "versions": [1, 3, 4, 5], "explanation": null})",
+     "1 3 4 5\n"},
+    {"NoVersions",
+     {"version", "parse", ""},
+     "POST /v1/versions",
+     R"({"text":""})",
+     R"({"result": 0, "versions": [], "explanation": null})",
+     "no versions\n"},
     {"ControlAddresses",
      {"ctrl-ips", "10.0.0.1", "::1"},
      "POST /v1/ctrl-ips",
@@ -316,6 +369,32 @@ const AnsweredRow kRows[] = {
 INSTANTIATE_TEST_SUITE_P(Questions, AnsweredCommand, testing::ValuesIn(kRows), rowName);
 
 class Refusal : public NasctlTest {};
+
+TEST_F(Refusal, OfAVersionTextTellsWhatTheNodeLogged)
+{
+    node_.answer(R"({"result": -1, "versions": [1], "explanation": "PROTOCOL: wrong"})");
+    EXPECT_EQ(run({"version", "parse", "[1]["}),
+              (Outcome{"", "nasctl: version parse: the text is wrong (-1): PROTOCOL: wrong\n", 1}));
+}
+
+TEST_F(Refusal, OfPartOfAVersionTextIsToldBesideItsVersions)
+{
+    node_.answer(R"({"result": 0, "versions": [1], "explanation": "PROTOCOL: rest"})");
+    EXPECT_EQ(run({"version", "parse", "[1]x"}), (Outcome{"1\n", "nasctl: version parse: PROTOCOL: rest\n", 0}));
+}
+
+TEST_F(Refusal, OfAnFlThatIsNoNumberAsksNobody)
+{
+    EXPECT_EQ(run({"ns", "publish", "4294967296"}),
+              (Outcome{"", "nasctl: ns publish: FL: \"4294967296\" is not a number from 0 to 4294967295\n", 2}));
+}
+
+TEST_F(Refusal, OfAStoreThatDoesNotAnswerSaysWhy)
+{
+    node_.answer(R"({"error": "cluster store http://a:1: gone"})", 503);
+    EXPECT_EQ(run({"ns", "read"}),
+              (Outcome{"", "nasctl: ns read: the node is busy: cluster store http://a:1: gone; ask again\n", 1}));
+}
 
 TEST_F(Refusal, OfAQuestionTellsItsCode)
 {

@@ -23,16 +23,16 @@ const WrongLine kWrongLines[] = {
     {"NoCommand",
      {},
      "which command? there are status, power, config, mem, ip, cluster, msg, cmd, log, "
-     "storage, lif, vpc, hdfs, ifaces, ctrl-ips, events, locks, shard, fmm"},
+     "storage, view, master, dpc, ns, version, lif, vpc, hdfs, ifaces, ctrl-ips, events, locks, shard, fmm"},
     {"MisspeltCommand", {"statsu"}, "statsu: no such command; did you mean status?"},
     {"StrangeCommand",
      {"frobnicate"},
      "frobnicate: no such command; there are status, power, config, mem, ip, cluster, msg, cmd, log, "
-     "storage, lif, vpc, hdfs, ifaces, ctrl-ips, events, locks, shard, fmm"},
+     "storage, view, master, dpc, ns, version, lif, vpc, hdfs, ifaces, ctrl-ips, events, locks, shard, fmm"},
     {"EmptyCommand",
      {""},
      "\"\": no such command; there are status, power, config, mem, ip, cluster, msg, cmd, log, "
-     "storage, lif, vpc, hdfs, ifaces, ctrl-ips, events, locks, shard, fmm"},
+     "storage, view, master, dpc, ns, version, lif, vpc, hdfs, ifaces, ctrl-ips, events, locks, shard, fmm"},
     {"CommandOfTwoLines", {"stat\nus"}, "stat\\nus: no such command; did you mean status?"},
     {"NoFaultAtAll",
      {"storage", "fault"},

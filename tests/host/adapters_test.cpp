@@ -3,7 +3,6 @@
 #include <adapters/adapters.h>
 #include <adapters/lif_table.h>
 #include <cerrno>
-#include <cluster/cm_client.h>
 #include <cstdlib>
 #include <cstring>
 #include <gmock/gmock.h>
@@ -92,56 +91,10 @@ TEST_F(Adapters, RefuseAnEdsViewThatLacksTheNodeItself)
                 ElementsAre("3 adapters: the LS id 7 of this node is not among the configured LS ids"));
 }
 
-// ---- the CM client
-
-class CmClient : public Adapters {};
-
-TEST_F(CmClient, DeliversTheConnectEventWithItsIdAfterItWasOpened)
-{
-    uint32_t client = 0;
-    ASSERT_EQ(NasCrtlOpenCmClientAdapter("127.0.0.1", "127.0.0.1", &client), NAS_OK);
-    EXPECT_EQ(client, 7U);
-    EXPECT_THAT(fake::library().eventTypes, IsEmpty());
-    EXPECT_EQ(host::connectCmClient(), 0);
-    EXPECT_THAT(fake::library().eventTypes, ElementsAre(0));
-    EXPECT_THAT(fake::library().eventClients, ElementsAre(7U));
-}
-
-TEST_F(CmClient, PassesOnThatItsThreadCannotBeHad)
-{
-    uint32_t client = 0;
-    NasCrtlOpenCmClientAdapter("127.0.0.1", "127.0.0.1", &client);
-    fake::library().result = 1;
-    EXPECT_EQ(host::connectCmClient(), EAGAIN);
-}
-
-TEST_F(CmClient, RefusesALocalAddressThatIsNone)
-{
-    uint32_t client = 0;
-    EXPECT_EQ(NasCrtlOpenCmClientAdapter("127.0.0.1", "eth0", &client), NAS_INVALID);
-    EXPECT_EQ(client, 0U);
-    EXPECT_THAT(fake::library().lines, ElementsAre("3 cluster: dpc_data_ip eth0 is not an IPv4 or IPv6 address"));
-}
-
-TEST_F(CmClient, KnowsOnlyTheClientIdOfAnEvent)
-{
-    const uint32_t event[2] = {0, 9};
-    uint32_t client = 1;
-    EXPECT_EQ(CM_getEventInfo(event, 2, &client), -EINVAL);
-    EXPECT_EQ(CM_getEventInfo(nullptr, 1, &client), -EINVAL);
-    EXPECT_EQ(client, 1U);
-    EXPECT_EQ(CM_getEventInfo(event, 1, &client), 0);
-    EXPECT_EQ(client, 9U);
-}
-
 // ---- facts
 
-TEST_F(Adapters, AnswerTheNodeIdForEveryLsOfANodeThatKnowsNoOther)
+TEST_F(Adapters, AnswerTheNodeIdForItsOwnLs)
 {
-    uint32_t master = 0;
-    EXPECT_EQ(getGlbMasterLsId(&master), 0);
-    EXPECT_EQ(master, 7U);
-    EXPECT_EQ(getGlbMasterLsId(nullptr), -EINVAL);
     EXPECT_EQ(CgwGetInitLocalLsId(), 7U);
     EXPECT_EQ(CgwGetClientLsIdByWwn(1, 2, 3, 4, 5, 6), 7U);
 }

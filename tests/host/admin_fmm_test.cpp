@@ -6,6 +6,7 @@
 #include "notify/events.h"
 
 #include <gmock/gmock.h>
+#include <nasctrl/shard_view.h>
 #include <nlohmann/json.hpp>
 
 namespace {
@@ -66,6 +67,8 @@ protected:
     {
         g_fmm = {};
         resetNode();
+        g_shardviewTbl.number_of_shards = 1;
+        g_shardviewTbl.entries[0].lsId = 70000;
         g_node.commands = {{"nas_fmm", "node_fault", "", nullptr}};
         g_node.run = [](const std::optional<std::string> &value) {
             g_fmm.announced.push_back("command " + value.value());
@@ -147,12 +150,18 @@ TEST_F(AdminFmm, TellsFmmAndThePolicyOfAStorageNodeThatFailsAndReturns)
     EXPECT_FALSE(reports().at(70000).faulty);
 }
 
+TEST_F(AdminFmm, DoesNotTellThePolicyOfANodeThatServesNoShard)
+{
+    EXPECT_THAT(told(R"({"event":"node-fault","ls":5})"), ElementsAre("FMM NODE_FAULT 5"));
+    EXPECT_FALSE(reports().contains(5));
+}
+
 TEST_F(AdminFmm, FailsANodeFaultWhoseCommandFails)
 {
     g_node.run = [](const std::optional<std::string> &) { return host::CommandAnswer{1, ""}; };
-    EXPECT_EQ(ask("POST", R"({"event":"node-fault","ls":5})").body,
+    EXPECT_EQ(ask("POST", R"({"event":"node-fault","ls":70000})").body,
               R"({"error":"the library's command node_fault failed"})");
-    EXPECT_FALSE(reports().contains(5));
+    EXPECT_TRUE(!reports().contains(70000) || !reports().at(70000).faulty);
 }
 
 TEST_F(AdminFmm, RefusesWhatIsNoEvent)

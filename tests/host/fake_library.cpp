@@ -139,14 +139,6 @@ int32_t GetCurNodeIpList(node_ip_list **list)
     return 0;
 }
 
-void NasCtrlHandleClusterEvent(void *event)
-{
-    uint32_t client = 0;
-    CM_getEventInfo(event, 1, &client);
-    fake::library().eventTypes.push_back(*static_cast<int32_t *>(event));
-    fake::library().eventClients.push_back(client);
-}
-
 uint32_t NasIpMgrGetIpFamily(const char *addr)
 {
     in6_addr room{};

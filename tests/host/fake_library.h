@@ -23,8 +23,6 @@ struct Library {
     std::map<std::string, std::string> configuration; // value by key; a missing one is a failed read
     std::string nodeList;                             // the answer to GetCurNodeIpList; empty = it fails with -110
     std::string ipText;                               // what the address list prints
-    std::vector<int32_t> eventTypes;                  // of the CM events that the library was handed
-    std::vector<uint32_t> eventClients;               // and what CM_getEventInfo said of each
     bool failAllocation = false;
     uint32_t result = 0; // of the calls that change something
     uint32_t logThreshold = 6;

@@ -63,6 +63,7 @@ TEST(Options, HaveDefaultsForANodeOfItsOwn)
     EXPECT_EQ(options.storageData, "");
     EXPECT_EQ(options.messages.storageTimeout, std::chrono::milliseconds(3000));
     EXPECT_FALSE(options.adapters.hasStorage);
+    EXPECT_EQ(options.store.file, "/var/lib/nasctrl/cluster.db");
     EXPECT_THAT(options.adapters.lsIds, ElementsAre(1));
     EXPECT_EQ(options.lwtBackend, host::kDefaultLwtBackend);
     EXPECT_TRUE(options.log.console);
@@ -113,6 +114,8 @@ TEST(Options, TakeEveryFlag)
                                        "/s",
                                        "--storage-timeout-ms",
                                        "250",
+                                       "--lease",
+                                       "30",
                                        "--message-clients",
                                        "5",
                                        "--log-file",
@@ -147,6 +150,7 @@ TEST(Options, TakeEveryFlag)
     EXPECT_EQ(options.adminSocket, "/a");
     EXPECT_EQ(options.messages.storageSocketPath, "/s");
     EXPECT_EQ(options.messages.storageTimeout, std::chrono::milliseconds(250));
+    EXPECT_EQ(options.lease, std::chrono::seconds(30));
     EXPECT_EQ(options.messages.clients, 5U);
     EXPECT_TRUE(options.adapters.hasStorage);
     EXPECT_EQ(options.log.file, "/l");
@@ -160,6 +164,16 @@ TEST(Options, TakeEveryFlag)
     EXPECT_THAT(options.adapters.controlIps, ElementsAre(Pair("fe80::1", 9)));
     EXPECT_EQ(options.period, 30U);
     EXPECT_EQ(options.readyFd, 5);
+}
+
+TEST(Options, TakeAFileOrEndPointsForTheClusterStore)
+{
+    EXPECT_EQ(parse({"--root", "/r"}).store.file, "/r/var/cluster.db");
+    EXPECT_EQ(parse({"--root", "/r", "--store", "sqlite:/s/../c.db"}).store.file, "/c.db");
+    EXPECT_EQ(parse({"--store", "sqlite:c.db"}).store.file, (std::filesystem::current_path() / "c.db").string());
+    const NodeOptions options = parse({"--root", "/r", "--store", "etcd:http://a:2379,http://b:2379"});
+    EXPECT_EQ(options.store.file, "");
+    EXPECT_THAT(options.store.endpoints, ElementsAre("http://a:2379", "http://b:2379"));
 }
 
 TEST(Options, MakeRelativePathsAbsolute)
@@ -198,6 +212,10 @@ TEST(Options, AreRefusedInOneLineThatSaysWhatTheValueIsNot)
         {"second module in a slot",
          {"--module", "0:nfs:3:20049", "--module", "0:hdfs:3:28020"},
          "--module: 0:hdfs:3:28020 is not possible, slot 0 is that of module nfs"},
+        {"store",
+         {"--store", "mysql:x"},
+         "--store: mysql:x is not a cluster store, write sqlite:PATH or etcd:URL[,URL...]"},
+        {"end point", {"--store", "etcd:a:2379"}, "--store: a:2379 is not an end point of the form http://HOST:PORT"},
         {"misspelt", {"--nod-id", "4"}, "--nod-id: no such option; did you mean --node-id?"},
         {"misspelt with value", {"--perod=4"}, "--perod: no such option; did you mean --period?"},
         {"an extra letter", {"--periood=4"}, "--periood: no such option; did you mean --period?"},
@@ -242,8 +260,10 @@ TEST_F(OptionFile, HoldsTheSameOptionsByName)
                                    "module = \"0:nfs:3,4:20049\"\n"
                                    "module = 1:hdfs:3:28020\n"
                                    "ls-ids = 4,5\n"
+                                   "store = etcd:http://a:1,http://b:2\n"
                                    "no-console = true\n");
     const NodeOptions options = parse({"--config", file});
+    EXPECT_THAT(options.store.endpoints, ElementsAre("http://a:1", "http://b:2"));
     EXPECT_EQ(options.nodeId, 4U);
     ASSERT_EQ(options.modules.size(), 2U);
     EXPECT_THAT(options.modules[0].protoTypes, ElementsAre(3, 4));

@@ -155,6 +155,23 @@ TEST_F(Log, DropsLinesAboveTheThresholdOfTheMoment)
     EXPECT_EQ(host::logThreshold(), 2U);
 }
 
+TEST_F(Log, ShowsAThreadTheNewestOfItsOwnLinesWhileItLooksOn)
+{
+    host::openLog(settings);
+    std::string last;
+    {
+        const host::OwnLogLines own;
+        EXPECT_EQ(own.last(), "");
+        kvlog(666, 3, "f.cpp", 1, "f", 0, "first");
+        kvlog(666, 3, "f.cpp", 2, "f", 0, "second %d", 2);
+        std::thread([] { kvlog(666, 3, "f.cpp", 3, "f", 0, "of another thread"); }).join();
+        last = own.last();
+    }
+    kvlog(666, 3, "f.cpp", 4, "f", 0, "unseen");
+    EXPECT_EQ(last, "second 2");
+    EXPECT_EQ(lines().size(), 4U);
+}
+
 TEST_F(Log, ClampsTheThresholdToTheHighestLevel)
 {
     host::openLog(settings);

@@ -120,6 +120,12 @@ TEST_F(Policy, HasNowhereToGoWhenNoOtherLsRuns)
     EXPECT_EQ(next(100), "");
 }
 
+TEST_F(Policy, KeepsNoRecordOfAnLsThatNeverFailed)
+{
+    policy_.report(22, false, at(0));
+    EXPECT_THAT(policy_.reports(), IsEmpty());
+}
+
 TEST_F(Policy, LeavesAnLsAloneThatServesNoShard)
 {
     policy_.report(99, true, at(0));

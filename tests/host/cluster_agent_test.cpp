@@ -1,0 +1,513 @@
+// Nodes of a cluster in one process: agents on one store, and one clock that a test moves.
+#include "cluster/cluster_agent.h"
+#include "recorded_log.h"
+
+#include <atomic>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <thread>
+#include <unistd.h>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using namespace std::chrono_literals;
+
+namespace {
+
+class TempDir {
+public:
+    TempDir() { mkdtemp(path_.data()); }
+    ~TempDir() { std::filesystem::remove_all(path_); }
+    std::string file(const std::string &name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_ = "/tmp/nasctrl-cm.XXXXXX";
+};
+
+// A store that can be cut off from one node.
+class CuttableStore : public host::Store {
+public:
+    explicit CuttableStore(host::Store &inner) : inner_(inner) {}
+    std::atomic<bool> cut = false;
+
+    host::StoreWrite create(const std::string &key, const std::string &value, host::StoreLease lease) override
+    {
+        return cut ? host::StoreWrite{} : inner_.create(key, value, lease);
+    }
+    host::StoreRead read(const std::string &key) override { return cut ? host::StoreRead{} : inner_.read(key); }
+    host::StoreRead readBack(const std::string &key, uint64_t version) override
+    {
+        return cut ? host::StoreRead{} : inner_.readBack(key, version);
+    }
+    host::StoreWrite write(const std::string &key, const std::string &value, uint64_t version,
+                           host::StoreLease lease) override
+    {
+        return cut ? host::StoreWrite{} : inner_.write(key, value, version, lease);
+    }
+    host::StoreWrite remove(const std::string &key, uint64_t version) override
+    {
+        return cut ? host::StoreWrite{} : inner_.remove(key, version);
+    }
+    host::StoreList list(const std::string &prefix) override { return cut ? host::StoreList{} : inner_.list(prefix); }
+    host::StoreGrant grant(std::chrono::seconds ttl) override { return cut ? host::StoreGrant{} : inner_.grant(ttl); }
+    host::StoreGrant keepAlive(host::StoreLease lease) override
+    {
+        return cut ? host::StoreGrant{} : inner_.keepAlive(lease);
+    }
+    host::StoreResult revoke(host::StoreLease lease) override
+    {
+        return cut ? host::StoreResult::unknown : inner_.revoke(lease);
+    }
+    std::unique_ptr<host::StoreWatch> watch(const std::string &prefix, uint64_t revision,
+                                            host::StoreCallback callback) override
+    {
+        return inner_.watch(prefix, revision, [this, callback](const host::StoreEvent &event) {
+            if (!cut) {
+                callback(event);
+            }
+        });
+    }
+    host::StoreStatus status() const override { return inner_.status(); }
+
+private:
+    host::Store &inner_;
+};
+
+std::string shown(const host::DpcView &view)
+{
+    std::string text;
+    for (const host::DpcClient &client : view.clients) {
+        text += (text.empty() ? "" : " ") + std::to_string(client.lsId) +
+                (client.runState == host::kRunning ? "+" : "-" + std::to_string(client.faultReason));
+    }
+    return "[" + text + "]";
+}
+
+// A node: what it tells its library becomes lines. It connects at once, on the thread of its rounds.
+class Node : host::AgentListener {
+public:
+    Node(host::Store &shared, uint32_t id, const host::SteadyClock &clock)
+        : store(shared), agent(store, {id, "node-" + std::to_string(id), 5s}, clock, *this)
+    {
+    }
+
+    // Rounds until a line is there; the watch is the only thing that is waited for.
+    bool roundsUntil(const std::string &line)
+    {
+        for (int i = 0; i < 4000 && std::ranges::find(told, line) == told.end(); ++i) {
+            agent.round();
+            std::this_thread::sleep_for(1ms);
+        }
+        return std::ranges::find(told, line) != told.end();
+    }
+
+    CuttableStore store;
+    std::vector<std::string> told;
+    host::ClusterAgent agent;
+
+private:
+    void connected() override
+    {
+        told.emplace_back("connected");
+        if (agent.fetchView() != host::StoreResult::unknown) {
+            agent.followFetched();
+        }
+    }
+    void disconnected() override { told.emplace_back("disconnected"); }
+    void masterChanged(std::optional<uint32_t> master) override
+    {
+        told.push_back("master " + (master ? std::to_string(*master) : "unknown"));
+    }
+    void command(int32_t type) override { told.push_back("command " + std::to_string(type)); }
+    void firstView(const host::DpcView &now) override { told.push_back("first " + shown(now)); }
+    void changed(const host::DpcView &was, const host::DpcView &now) override
+    {
+        told.push_back("changed " + shown(was) + " " + shown(now));
+    }
+    void missed(const host::DpcView &was, const host::DpcView &now) override
+    {
+        told.push_back("missed " + shown(was) + " " + shown(now));
+    }
+};
+
+class Cluster : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        recorded::clear();
+        host::StoreSettings settings;
+        settings.file = dir.file("store.db");
+        settings.clock = clock;
+        store = host::openStore(settings);
+    }
+
+    host::Membership join(uint32_t lsId, std::chrono::seconds ttl = 3s)
+    {
+        return host::joinClient(*store, {lsId, 1, ttl, {}});
+    }
+    std::string view() { return shown(host::readView(*store).value_or(host::DpcView{})); }
+    template <typename Call>
+    static std::string refusal(Call call)
+    {
+        try {
+            call();
+        } catch (const std::exception &error) {
+            return error.what();
+        }
+        return "done";
+    }
+
+    std::atomic<int64_t> now = 1'000'000;
+    host::SteadyClock clock = [this] { return std::chrono::milliseconds(now); };
+    TempDir dir;
+    std::unique_ptr<host::Store> store;
+};
+
+// ---- clients
+
+TEST_F(Cluster, ShowsAClientThatJoined)
+{
+    const host::Membership member = join(7);
+
+    const host::DpcView stored = host::readView(*store).value();
+    EXPECT_EQ(stored.version, 1U);
+    EXPECT_EQ(shown(stored), "[7+]");
+    EXPECT_EQ(stored.clients[0].session, member.session);
+    EXPECT_EQ(stored.clients[0].node, 1U);
+    EXPECT_EQ(member.ttl, 3s);
+}
+
+TEST_F(Cluster, KeepsItsClientsInTheOrderOfTheirIds)
+{
+    join(9);
+    join(2);
+    join(5);
+
+    EXPECT_EQ(view(), "[2+ 5+ 9+]");
+}
+
+TEST_F(Cluster, RefusesASecondProcessOfAClientThatLives)
+{
+    join(7);
+
+    EXPECT_EQ(refusal([this] { join(7); }), "a process of LS 7 lives already");
+    EXPECT_EQ(host::readView(*store)->version, 1U);
+}
+
+TEST_F(Cluster, TellsAClientWhoseLeaseHasEnded)
+{
+    const host::Membership member = join(7);
+    host::keepClientAlive(*store, member.lease);
+    now += 3001;
+
+    EXPECT_EQ(refusal([&] { host::keepClientAlive(*store, member.lease); }), "its lease has ended");
+}
+
+TEST_F(Cluster, ForgetsAClientThatLeaves)
+{
+    const host::Membership member = join(7);
+
+    host::removeClient(*store, 7);
+
+    EXPECT_EQ(view(), "[]");
+    EXPECT_EQ(refusal([&] { host::keepClientAlive(*store, member.lease); }), "its lease has ended");
+    EXPECT_EQ(refusal([this] { host::removeClient(*store, 7); }), "LS 7 is not in the view");
+}
+
+TEST_F(Cluster, MarksAClientWhoseProcessDied)
+{
+    const host::Membership member = join(7);
+
+    host::failClient(*store, 7, host::kProcessFault, true);
+
+    EXPECT_EQ(view(), "[7-2]");
+    EXPECT_EQ(refusal([&] { host::keepClientAlive(*store, member.lease); }), "its lease has ended");
+    EXPECT_EQ(refusal([this] { host::failClient(*store, 7, host::kProcessFault, true); }), "LS 7 is faulty already");
+    EXPECT_EQ(refusal([this] { host::failClient(*store, 8, host::kProcessFault, true); }), "LS 8 is not in the view");
+}
+
+TEST_F(Cluster, GivesAClientThatReturnsANewerSession)
+{
+    const uint64_t first = join(7).session;
+    host::failClient(*store, 7, host::kProcessFault, true);
+
+    const host::Membership second = join(7);
+
+    EXPECT_EQ(view(), "[7+]");
+    EXPECT_GT(second.session, first);
+    EXPECT_EQ(host::readView(*store)->clients[0].faults, 1U);
+}
+
+TEST_F(Cluster, BreaksTheHeartsOfThoseWhoseLeaseEndedAndOfNoOther)
+{
+    join(1, 3s);
+    join(2, 60s);
+    join(3, 3s);
+    now += 3001;
+
+    EXPECT_EQ(host::breakHearts(*store), 2U);
+    EXPECT_EQ(view(), "[1-3 2+ 3-3]");
+    const uint64_t version = host::readView(*store)->version;
+    EXPECT_EQ(host::breakHearts(*store), 0U);
+    EXPECT_EQ(host::readView(*store)->version, version);
+}
+
+TEST_F(Cluster, SaysThatItsStoreDoesNotAnswer)
+{
+    CuttableStore far(*store);
+    join(7);
+    far.cut = true;
+
+    const std::string silent = "the cluster store does not answer";
+    EXPECT_EQ(refusal([&] { host::joinClient(far, {8, 1, 3s, {}}); }), silent);
+    EXPECT_EQ(refusal([&] { host::removeClient(far, 7); }), silent);
+    EXPECT_EQ(refusal([&] { host::failClient(far, 7, 2, true); }), silent);
+    EXPECT_EQ(refusal([&] { host::keepClientAlive(far, 1); }), silent);
+    EXPECT_EQ(refusal([&] { host::readView(far); }), silent);
+    EXPECT_EQ(view(), "[7+]");
+}
+
+TEST_F(Cluster, LosesNoChangeOfTwoThatChangeAtOnce)
+{
+    std::vector<std::jthread> writers;
+    for (uint32_t writer = 0; writer < 4; ++writer) {
+        writers.emplace_back([this, writer] {
+            for (uint32_t i = 0; i < 5; ++i) {
+                join(writer * 5 + i + 1);
+            }
+        });
+    }
+    writers.clear();
+
+    EXPECT_EQ(host::readView(*store)->clients.size(), 20U);
+    EXPECT_EQ(host::readView(*store)->version, 20U);
+}
+
+// ---- nodes
+
+TEST_F(Cluster, ConnectsANodeThatBecomesMasterOfAnEmptyCluster)
+{
+    Node node(*store, 1, clock);
+
+    node.agent.round();
+
+    EXPECT_THAT(node.told, ElementsAre("connected", "first []", "master 1"));
+    EXPECT_TRUE(node.agent.isConnected());
+    EXPECT_TRUE(node.agent.isMaster());
+}
+
+TEST_F(Cluster, HasOneMasterUntilThatIsGone)
+{
+    Node first(*store, 1, clock);
+    Node second(*store, 2, clock);
+    first.agent.round();
+    second.agent.round();
+    EXPECT_EQ(second.agent.master(), 1U);
+
+    first.agent.leave();
+    now += 2000;
+    second.agent.round();
+
+    EXPECT_EQ(second.agent.master(), 2U);
+    EXPECT_EQ(first.agent.master(), std::nullopt);
+}
+
+TEST_F(Cluster, TellsEveryNodeOfEveryChangeInOrder)
+{
+    Node first(*store, 1, clock);
+    Node second(*store, 2, clock);
+    first.agent.round();
+    second.agent.round();
+
+    join(7);
+    host::failClient(*store, 7, host::kProcessFault, true);
+    join(7);
+    host::removeClient(*store, 7);
+
+    for (Node *node : {&first, &second}) {
+        ASSERT_TRUE(node->roundsUntil("changed [7+] []"));
+        node->told.erase(node->told.begin(), node->told.begin() + 3);
+        EXPECT_THAT(node->told,
+                    ElementsAre("changed [] [7+]", "changed [7+] [7-2]", "changed [7-2] [7+]", "changed [7+] []"));
+    }
+}
+
+TEST_F(Cluster, TurnsALostLeaseIntoAHeartBreakOnEveryNode)
+{
+    Node first(*store, 1, clock);
+    Node second(*store, 2, clock);
+    first.agent.round();
+    second.agent.round();
+    join(7);
+    ASSERT_TRUE(first.roundsUntil("changed [] [7+]"));
+
+    now += 3001;
+
+    EXPECT_TRUE(first.roundsUntil("changed [7+] [7-3]"));
+    EXPECT_TRUE(second.roundsUntil("changed [7+] [7-3]"));
+}
+
+TEST_F(Cluster, ShowsANewNodeTheViewAsItIs)
+{
+    join(7);
+    host::failClient(*store, 7, host::kHeartBreak, true);
+    join(8);
+    Node node(*store, 1, clock);
+
+    node.agent.round();
+
+    EXPECT_THAT(node.told, ElementsAre("connected", "first [7-3 8+]", "master 1"));
+}
+
+TEST_F(Cluster, BelievesNothingThatItCannotRenew)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+    node.store.cut = true;
+
+    now += 4999;
+    node.agent.round();
+    EXPECT_TRUE(node.agent.isMaster());
+    now += 1;
+    EXPECT_FALSE(node.agent.isMaster());
+    now += 1;
+    node.agent.round();
+
+    EXPECT_FALSE(node.agent.isConnected());
+    EXPECT_THAT(node.told, ElementsAre("connected", "first []", "master 1", "disconnected", "master unknown"));
+}
+
+TEST_F(Cluster, LetsAnotherNodeTakeOverFromOneThatIsCutOff)
+{
+    Node first(*store, 1, clock);
+    Node second(*store, 2, clock);
+    first.agent.round();
+    second.agent.round();
+    join(7, 3s);
+    ASSERT_TRUE(second.roundsUntil("changed [] [7+]"));
+    first.store.cut = true;
+    for (int i = 0; i < 4; ++i) {
+        now += 1700;
+        first.agent.round();
+        second.agent.round();
+    }
+
+    EXPECT_TRUE(second.roundsUntil("changed [7+] [7-3]"));
+    EXPECT_TRUE(second.agent.isMaster());
+    EXPECT_EQ(first.agent.master(), std::nullopt);
+
+    join(7);
+    first.store.cut = false;
+    now += 1700;
+    EXPECT_TRUE(first.roundsUntil("missed [7+] [7+]") || first.roundsUntil("missed [] [7+]"));
+    EXPECT_EQ(first.agent.master(), 2U);
+    EXPECT_EQ(*first.agent.known(), *host::readView(*store));
+}
+
+TEST_F(Cluster, WaitsForTheLeaseOfAnEarlierLifeOfANode)
+{
+    {
+        Node killed(*store, 1, clock);
+        killed.agent.round();
+    }
+    Node node(*store, 1, clock);
+    node.agent.round();
+    EXPECT_FALSE(node.agent.isConnected());
+    EXPECT_FALSE(node.agent.isMaster());
+    EXPECT_THAT(recorded::lines(), ElementsAre("3 cluster: a node 1 is there already; waiting for its lease to end"));
+
+    for (const int pause : {2500, 2501}) {
+        now += pause;
+        node.agent.round();
+    }
+
+    EXPECT_TRUE(node.agent.isConnected());
+    EXPECT_TRUE(node.agent.isMaster());
+    EXPECT_EQ(recorded::lines().size(), 1U);
+}
+
+TEST_F(Cluster, TakesANewLeaseWhenItsOwnEnded)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+    now += 5001;
+
+    node.agent.round();
+
+    EXPECT_TRUE(node.agent.isMaster());
+    EXPECT_THAT(recorded::lines(), ElementsAre("3 cluster: the lease of node 1 ended; it takes a new one"));
+}
+
+TEST_F(Cluster, HandsCommandsOn)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+
+    store->create(host::kCommandKey, R"({"type": 12})");
+
+    EXPECT_TRUE(node.roundsUntil("command 12"));
+}
+
+TEST_F(Cluster, LeavesAStoredViewThatIsNoneAlone)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+
+    store->create(host::kViewKey, R"({"version": 1, "writer": "x", "clients": [{"ls": 1}]})");
+    store->create(host::kCommandKey, R"({"type": 1})");
+
+    ASSERT_TRUE(node.roundsUntil("command 1"));
+    EXPECT_THAT(node.agent.known()->clients, IsEmpty());
+    EXPECT_THAT(recorded::lines(),
+                ElementsAre(testing::StartsWith("3 cluster: the stored view of the clients is not one: ")));
+}
+
+// ---- the view as text
+
+TEST(View, IsTheSameAfterItWasText)
+{
+    host::DpcView view{12, "w", {}};
+    view.put({9, 100, host::kFaulty, host::kHeartBreak, 3, 2, {{"ip", "10.0.0.1"}, {"ip2", "10.0.0.2@10.0.0.3"}}});
+    view.put({3, UINT64_MAX, host::kRunning, host::kNoFault, 0, 1, {}});
+
+    EXPECT_EQ(host::parseDpcView(host::toText(view)), view);
+}
+
+TEST(View, IsRefusedWhenItsTextIsNone)
+{
+    for (const char *text : {"", "[]", "{}", R"({"version": 1, "writer": "", "clients": 3})",
+                             R"({"version": -1, "writer": "", "clients": []})"}) {
+        EXPECT_THROW(host::parseDpcView(text), std::runtime_error) << text;
+    }
+    host::DpcView twice{1, "w", {}};
+    twice.clients = {{5, 1, 0, 0, 0, 1, {}}, {5, 2, 0, 0, 0, 1, {}}};
+    EXPECT_THROW(host::parseDpcView(host::toText(twice)), std::runtime_error);
+    host::DpcView longName{1, "w", {}};
+    longName.put({5, 1, 0, 0, 0, 1, {{std::string(32, 'n'), "v"}}});
+    EXPECT_THROW(host::parseDpcView(host::toText(longName)), std::runtime_error);
+}
+
+TEST(View, GivesTheLibraryItsRecords)
+{
+    const host::DpcClient client{9,
+                                 100,
+                                 host::kFaulty,
+                                 host::kHeartBreak,
+                                 3,
+                                 2,
+                                 {{"ip", "10.0.0.1"}, {std::string(31, 'n'), std::string(255, 'v')}}};
+
+    const cm_ls_entry entry = host::entryOf(client);
+
+    EXPECT_EQ(entry.lsId, 9U);
+    EXPECT_EQ(entry.sessionId, 100U);
+    EXPECT_EQ(entry.rs, 1);
+    EXPECT_EQ(host::faultReasonOf(entry), host::kHeartBreak);
+    EXPECT_STREQ(entry.attrs[0].name, "ip");
+    EXPECT_STREQ(entry.attrs[0].value, "10.0.0.1");
+    EXPECT_EQ(entry.attrs[0].valueLen, 9U);
+    EXPECT_EQ(entry.attrs[1].valueLen, 256U);
+    EXPECT_STREQ(entry.attrs[2].name, "");
+}
+
+} // namespace
