@@ -409,9 +409,8 @@ void Grammar::defineShards()
     leaf(shard, "show", "List the index of FSPs", showShardIndex);
     defineShardMoves(shard);
     CLI::App *policy =
-        leaf(shard, "policy", "Show, or set, whether FSPs leave faulty LSs by themselves", [this](const Session &session) {
-            return shardPolicy(session, args_.state, args_.steady, args_.dryRun);
-        });
+        leaf(shard, "policy", "Show, or set, whether FSPs leave faulty LSs by themselves",
+             [this](const Session &session) { return shardPolicy(session, args_.state, args_.steady, args_.dryRun); });
     addText(policy, "on|off", args_.state, "Switch it", "");
     addText(policy, "--steady", args_.steady, "How long an LS runs before its FSPs go back, 1 to 86400 [60]",
             "SECONDS");
@@ -421,9 +420,8 @@ void Grammar::defineShards()
 
 void Grammar::defineShardMoves(CLI::App *shard)
 {
-    CLI::App *migrate =
-        leaf(shard, "migrate", "Move all FSPs of a faulty LS to another",
-             [this](const Session &session) { return migrateShard(session, *args_.lsId, args_.to); });
+    CLI::App *migrate = leaf(shard, "migrate", "Move all FSPs of a faulty LS to another",
+                             [this](const Session &session) { return migrateShard(session, *args_.lsId, args_.to); });
     addText(migrate, "LS", args_.lsId, "Its id", "")->required();
     addText(migrate, "--to", args_.to, "Where to [the next LS]", "LS");
     CLI::App *failback = leaf(shard, "failback", "Move the FSPs of an LS back from where they went",

@@ -79,8 +79,7 @@ static std::string indexTable(const json &answer, bool colour)
     }
     Table table({{"FSP", Align::right}, {"SHARD", Align::right}, {"LS", Align::right}, {"VERSION", Align::right}});
     for (const json &fsp : fsps) {
-        table.add(
-            {shown(fsp.at("fsp")), shown(fsp.at("shard")), shown(fsp.at("ls")), shown(fsp.at("version"))});
+        table.add({shown(fsp.at("fsp")), shown(fsp.at("shard")), shown(fsp.at("ls")), shown(fsp.at("version"))});
     }
     return table.render(colour) + count;
 }
@@ -123,15 +122,11 @@ static std::string movedTable(const json &answer, bool colour)
     if (moved.empty()) {
         return "";
     }
-    Table table({{"FSP", Align::right},
-                 {"FROM SHARD", Align::right},
-                 {"TO SHARD", Align::right},
-                 {"VERSION", Align::right}});
+    Table table(
+        {{"FSP", Align::right}, {"FROM SHARD", Align::right}, {"TO SHARD", Align::right}, {"VERSION", Align::right}});
     for (const json &fsp : moved) {
-        table.add({shown(fsp.at("fsp")),
-                   shown(fsp.at("from_shard")),
-                   shown(fsp.at("to_shard")),
-                   shown(fsp.at("version"))});
+        table.add(
+            {shown(fsp.at("fsp")), shown(fsp.at("from_shard")), shown(fsp.at("to_shard")), shown(fsp.at("version"))});
     }
     return table.render(colour);
 }

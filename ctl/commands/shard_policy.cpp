@@ -53,16 +53,16 @@ static std::string planTable(const json &plan, bool colour)
     if (plan.empty()) {
         return "nothing is to be moved\n";
     }
-    Table table({{"PLAN"}, {"LS", Align::right}, {"FROM", Align::right}, {"TO", Align::right}, {"FSPS", Align::right},
-                 {"DUE"}, {"WHY"}});
+    Table table({{"PLAN"},
+                 {"LS", Align::right},
+                 {"FROM", Align::right},
+                 {"TO", Align::right},
+                 {"FSPS", Align::right},
+                 {"DUE"},
+                 {"WHY"}});
     for (const json &step : plan) {
-        table.add({shown(step.at("action")),
-                   shown(step.at("ls")),
-                   shown(step.at("from")),
-                   shown(step.at("to")),
-                   shown(step.at("fsps")),
-                   dueCell(step.at("in_ms")),
-                   shown(step.at("why"))});
+        table.add({shown(step.at("action")), shown(step.at("ls")), shown(step.at("from")), shown(step.at("to")),
+                   shown(step.at("fsps")), dueCell(step.at("in_ms")), shown(step.at("why"))});
     }
     return table.render(colour);
 }

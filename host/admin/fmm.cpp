@@ -46,8 +46,8 @@ constexpr std::array kEvents = {
     Event{"shard-move-out", [] { announceMove(FmmMove::shardOut); }, "SCALE_OUT", true},
 };
 
-// The storage node of an LS failed: its process is on record, FMM is told by the library's command, and the shard policy
-// hears of it.
+// The storage node of an LS failed: its process is on record, FMM is told by the library's command, and the shard
+// policy hears of it.
 void nodeFault(uint32_t lsId)
 {
     announceProcessFault(lsId);
@@ -73,7 +73,10 @@ Expecting recovery(uint32_t /*lsId*/)
 constexpr std::array kLsEvents = {
     LsEvent{"process-fault", announceProcessFault, [](uint32_t) { return Expecting(); }},
     LsEvent{"process-recover", announceProcessRecovery, recovery},
-    LsEvent{"node-fault", nodeFault, [](uint32_t lsId) { return Expecting{{"FMM", "NODE_FAULT", lsId}}; }},
+    LsEvent{"node-fault", nodeFault,
+            [](uint32_t lsId) {
+                return Expecting{{"FMM", "NODE_FAULT", lsId}};
+            }},
     LsEvent{"node-recover", nodeRecover, recovery},
 };
 

@@ -4,13 +4,13 @@
  * The library waits for the index's lock without end, so a call that would have it wait for a hold which is not given
  * back is refused instead.
  */
-#include "fmm/shard_table.h"
 #include "admin/answer.h"
 #include "admin/calls.h"
 #include "admin/event_row.h"
 #include "admin/fields.h"
 #include "fmm/policy_runner.h"
 #include "fmm/shard_moves.h"
+#include "fmm/shard_table.h"
 #include <algorithm>
 #include <map>
 #include <nasctrl/config.h>
@@ -117,8 +117,8 @@ Json movedRows(const std::optional<std::vector<MovedFsp>> &moved)
     }
     Json rows = Json::array();
     for (const MovedFsp &each : *moved) {
-        rows.push_back({{"fsp", each.fsp}, {"from_shard", each.fromShard}, {"to_shard", each.toShard},
-                        {"version", each.version}});
+        rows.push_back(
+            {{"fsp", each.fsp}, {"from_shard", each.fromShard}, {"to_shard", each.toShard}, {"version", each.version}});
     }
     return rows;
 }

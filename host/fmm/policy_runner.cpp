@@ -39,8 +39,8 @@ std::string nameOf(const PolicyStep &step)
 
 void tell(const PolicyStep &step, const std::string &name, const std::string &outcome)
 {
-    const std::string text = outcome + " from LS " + std::to_string(step.from) + " to LS " + std::to_string(step.to) +
-                             ": " + step.why;
+    const std::string text =
+        outcome + " from LS " + std::to_string(step.from) + " to LS " + std::to_string(step.to) + ": " + step.why;
     HOST_LOG(NASCTRL_LOG_PROGRESS, "policy: %s", text.c_str());
     recordEvent({.module = "POLICY", .name = name, .data = step.lsId, .text = text});
 }

@@ -29,11 +29,11 @@ struct MovedFsp {
 };
 
 struct MoveReport {
-    uint32_t result = 0; // of the library's call: 0, or 1 when it failed, the log tells why
-    bool emptyIndex = false;                      // there was no FSP to move, so nothing was marked or told
-    std::optional<std::vector<MovedFsp>> moved;   // nothing when the index was busy afterwards
-    std::chrono::microseconds took{0};            // until the library's call came back
-    TellingOutcome telling;                       // what the moved FSPs led to
+    uint32_t result = 0;                        // of the library's call: 0, or 1 when it failed, the log tells why
+    bool emptyIndex = false;                    // there was no FSP to move, so nothing was marked or told
+    std::optional<std::vector<MovedFsp>> moved; // nothing when the index was busy afterwards
+    std::chrono::microseconds took{0};          // until the library's call came back
+    TellingOutcome telling;                     // what the moved FSPs led to
 };
 
 // All FSPs of from's shard to to's. A fault marks from's shard, a failback clears to's. Throws IndexBusy. LS ids that

@@ -17,8 +17,7 @@ bool is(const Expected &expected, const EventDetails &details)
 // Takes what an event was expected as off the list; false when it was not.
 bool takeExpected(std::vector<Expected> &expected, const EventDetails &details)
 {
-    const auto found =
-        std::ranges::find_if(expected, [&details](const Expected &each) { return is(each, details); });
+    const auto found = std::ranges::find_if(expected, [&details](const Expected &each) { return is(each, details); });
     if (found == expected.end()) {
         return false;
     }

@@ -30,8 +30,7 @@ constexpr char kMoveText[] = "LS 1 to LS 70000: 2 FSPs moved in 0.112 ms\n"
 constexpr char kNothing[] = R"({"from":1,"to":2,"result":0,"empty_index":true,"moved":[],"took_us":3,"told":[],)"
                             R"("untold":[],"shortened":[]})";
 
-constexpr char kPlaced[] =
-    R"({"fsp":5,"known":true,"shard":1,"ls":2,"address":"127.0.0.2","version":3,"next_ls":3})";
+constexpr char kPlaced[] = R"({"fsp":5,"known":true,"shard":1,"ls":2,"address":"127.0.0.2","version":3,"next_ls":3})";
 constexpr char kPlacedText[] = "FSP      5\n"
                                "shard    1\n"
                                "LS       2\n"

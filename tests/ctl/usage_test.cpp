@@ -256,9 +256,10 @@ TEST(Help, NamesEveryCommandAndTheExitCodes)
     const Outcome outcome = runNasctl({"--help"});
     EXPECT_EQ(outcome.code, 0);
     EXPECT_EQ(outcome.err, "");
-    for (const char *word : {"\n  status ", "\n  power ", "\n  config ", "\n  mem ", "\n  ip ", "\n  cluster ",
-                             "\n  msg ", "\n  cmd ", "\n  log ", "\n  lif ", "\n  vpc ", "\n  hdfs ", "\n  ifaces ",
-                             "\n  ctrl-ips ", "\n  shard ", "\n  fmm ", "--root DIR", "--json", "Exit codes: 0 done, 1 failed, 2 "}) {
+    for (const char *word :
+         {"\n  status ", "\n  power ", "\n  config ", "\n  mem ", "\n  ip ", "\n  cluster ", "\n  msg ", "\n  cmd ",
+          "\n  log ", "\n  lif ", "\n  vpc ", "\n  hdfs ", "\n  ifaces ", "\n  ctrl-ips ", "\n  shard ", "\n  fmm ",
+          "--root DIR", "--json", "Exit codes: 0 done, 1 failed, 2 "}) {
         EXPECT_NE(outcome.out.find(word), std::string::npos) << word;
     }
 }

@@ -126,9 +126,10 @@ TEST_F(AdminFmm, AnnouncesEventsByTheirNames)
 
 TEST_F(AdminFmm, AnswersTheStateAfterTheEvent)
 {
-    EXPECT_EQ(ask("POST", R"({"event":"process-fault","ls":12})").body,
-              R"({"shard_changes":{"subscribed":false,"announced":0},)"
-              R"("faulty_processes":[{"ls":12,"age_ms":0}],"recoveries":0,"told":[],"untold":[],"serves_shard":false})");
+    EXPECT_EQ(
+        ask("POST", R"({"event":"process-fault","ls":12})").body,
+        R"({"shard_changes":{"subscribed":false,"announced":0},)"
+        R"("faulty_processes":[{"ls":12,"age_ms":0}],"recoveries":0,"told":[],"untold":[],"serves_shard":false})");
 }
 
 TEST_F(AdminFmm, AnswersWhoWasTold)
@@ -166,9 +167,10 @@ TEST_F(AdminFmm, FailsANodeFaultWhoseCommandFails)
 
 TEST_F(AdminFmm, RefusesWhatIsNoEvent)
 {
-    for (const char *body : {"", "{}", R"({"event":"storm"})", R"({"event":5})", R"({"event":"process-fault"})", R"({"event":"node-fault"})",
-                             R"({"event":"process-fault","ls":-1})", R"({"event":"process-fault","ls":4294967296})",
-                             R"({"event":"shard-change","ls":1})", R"({"event":"shard-change","more":1})"}) {
+    for (const char *body : {"", "{}", R"({"event":"storm"})", R"({"event":5})", R"({"event":"process-fault"})",
+                             R"({"event":"node-fault"})", R"({"event":"process-fault","ls":-1})",
+                             R"({"event":"process-fault","ls":4294967296})", R"({"event":"shard-change","ls":1})",
+                             R"({"event":"shard-change","more":1})"}) {
         EXPECT_EQ(ask("POST", body).status, 400U) << body;
     }
     EXPECT_THAT(g_fmm.announced, IsEmpty());

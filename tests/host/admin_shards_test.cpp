@@ -239,11 +239,12 @@ TEST_F(AdminShards, AreListedWithTheirLsAndWhereTheirFspsWent)
     addNode(4, 1);
     shardViewStatus[0] = {1, 2};
     shardViewStatus[2] = {0, NAS_INVALID};
-    EXPECT_EQ(bodyOf("GET", ""),
-              R"({"local_ls":1,"partitions":3,"shards":[)"
-              R"({"shard":0,"ls":1,"address":"127.0.0.1","status":"FAULT","takeover_ls":2,"fsps":0},)"
-              R"({"shard":1,"ls":2,"address":"127.0.0.2","status":"NORMAL","takeover_ls":null,"fsps":2},)"
-              R"({"shard":2,"ls":70000,"address":"fd00::3","status":"NORMAL","takeover_ls":null,"fsps":1}],"busy":[]})");
+    EXPECT_EQ(
+        bodyOf("GET", ""),
+        R"({"local_ls":1,"partitions":3,"shards":[)"
+        R"({"shard":0,"ls":1,"address":"127.0.0.1","status":"FAULT","takeover_ls":2,"fsps":0},)"
+        R"({"shard":1,"ls":2,"address":"127.0.0.2","status":"NORMAL","takeover_ls":null,"fsps":2},)"
+        R"({"shard":2,"ls":70000,"address":"fd00::3","status":"NORMAL","takeover_ls":null,"fsps":1}],"busy":[]})");
 }
 
 TEST_F(AdminShards, AreListedWithoutCountsWhileTheIndexIsHeld)
@@ -269,10 +270,9 @@ TEST_F(AdminShards, ShowTheIndexBucketByBucket)
     addNode(8, 2);
     addNode(1, 0);
     g_shards.nodes[0].version = UINT64_MAX;
-    EXPECT_EQ(bodyOf("GET", "/index"),
-              R"({"fsps":[{"fsp":8,"shard":2,"ls":70000,"version":0},)"
-              R"({"fsp":9,"shard":1,"ls":2,"version":18446744073709551615},)"
-              R"({"fsp":1,"shard":0,"ls":1,"version":0}],"room":4096,"busy":[]})");
+    EXPECT_EQ(bodyOf("GET", "/index"), R"({"fsps":[{"fsp":8,"shard":2,"ls":70000,"version":0},)"
+                                       R"({"fsp":9,"shard":1,"ls":2,"version":18446744073709551615},)"
+                                       R"({"fsp":1,"shard":0,"ls":1,"version":0}],"room":4096,"busy":[]})");
 }
 
 TEST_F(AdminShards, TellWhereAnFspIsAndWouldBeWithoutPlacingIt)
@@ -463,9 +463,8 @@ TEST_F(AdminShards, ShowWhatThePolicyWouldDoAndWhy)
     const Json answer = json("GET", "/policy");
     EXPECT_EQ(answer["reports"][0]["ls"], 2);
     EXPECT_EQ(answer["reports"][0]["state"], "faulty");
-    EXPECT_EQ(answer["plan"].dump(),
-              R"([{"action":"migrate","ls":2,"from":2,"to":70000,"fsps":1,"in_ms":0,)"
-              R"("why":"LS 2 is faulty, and LS 70000 is the next that runs"}])");
+    EXPECT_EQ(answer["plan"].dump(), R"([{"action":"migrate","ls":2,"from":2,"to":70000,"fsps":1,"in_ms":0,)"
+                                     R"("why":"LS 2 is faulty, and LS 70000 is the next that runs"}])");
     const IndexHold hold;
     const Json busy = json("GET", "/policy");
     EXPECT_TRUE(busy["plan"].is_null());

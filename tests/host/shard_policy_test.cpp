@@ -80,7 +80,8 @@ TEST_F(Policy, IsOffAndWaitsAMinuteUnlessToldOtherwise)
 TEST_F(Policy, MovesTheFspsOfAFaultyLsToTheNextLs)
 {
     policy_.report(22, true, at(5));
-    EXPECT_THAT(plan(9), ElementsAre("migrate 22: 22 to 33, 2, at 5: LS 22 is faulty, and LS 33 is the next that runs"));
+    EXPECT_THAT(plan(9),
+                ElementsAre("migrate 22: 22 to 33, 2, at 5: LS 22 is faulty, and LS 33 is the next that runs"));
     take(9);
     EXPECT_THAT(plan(9), IsEmpty());
     EXPECT_TRUE(policy_.reports().at(22).moved);
@@ -89,15 +90,17 @@ TEST_F(Policy, MovesTheFspsOfAFaultyLsToTheNextLs)
 TEST_F(Policy, GoesRoundFromTheLastLsToTheFirst)
 {
     policy_.report(33, true, at(0));
-    EXPECT_THAT(plan(0), ElementsAre("migrate 33: 33 to 11, 1, at 0: LS 33 is faulty, and LS 11 is the next that runs"));
+    EXPECT_THAT(plan(0),
+                ElementsAre("migrate 33: 33 to 11, 1, at 0: LS 33 is faulty, and LS 11 is the next that runs"));
 }
 
 TEST_F(Policy, PassesOverAnLsThatIsFaultyOrAway)
 {
     policy_.report(22, true, at(0));
     policy_.report(33, true, at(0));
-    EXPECT_THAT(plan(0), ElementsAre("migrate 22: 22 to 11, 2, at 0: LS 22 is faulty, and LS 11 is the next that runs",
-                                     "migrate 33: 33 to 11, 1, at 0: LS 33 is faulty, and LS 11 is the next that runs"));
+    EXPECT_THAT(plan(0),
+                ElementsAre("migrate 22: 22 to 11, 2, at 0: LS 22 is faulty, and LS 11 is the next that runs",
+                            "migrate 33: 33 to 11, 1, at 0: LS 33 is faulty, and LS 11 is the next that runs"));
     policy_.report(33, false, at(0));
     shards_[2].faulty = true; // by an operator's hand
     shards_[2].takeoverLs = 11;
@@ -218,8 +221,9 @@ TEST_F(Policy, WaitsToMoveBackWhileTheLsThatTookOverIsAwayItself)
     policy_.report(33, true, at(1));
     take(1);
     policy_.report(22, false, at(2));
-    EXPECT_THAT(plan(10),
-                ElementsAre("failback 22: 33 to 22, 0, at -: LS 22 is back, but LS 33, which took over, is away itself"));
+    EXPECT_THAT(
+        plan(10),
+        ElementsAre("failback 22: 33 to 22, 0, at -: LS 22 is back, but LS 33, which took over, is away itself"));
     policy_.report(33, false, at(11));
     EXPECT_EQ(next(12), "failback 33: 11 to 33, 4, at 12: LS 33 is back, and steady for 1 s");
     take(12);
