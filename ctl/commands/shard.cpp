@@ -156,6 +156,9 @@ static std::string moveReport(const json &answer, bool colour)
     if (answer.at("empty_index") == true) {
         return "the index is empty: nothing moved, nothing was marked, and nobody was told\n";
     }
+    if (answer.at("from") == answer.at("to")) {
+        return "it is on LS " + shown(answer.at("to")).text + " already: nothing moved, and nobody was told\n";
+    }
     return summary(answer) + movedTable(answer, colour) + toldText(answer, colour) + shortenedText(answer);
 }
 

@@ -3,6 +3,7 @@
  * locks, and moves that tell what the library's would.
  */
 #include "admin/routes.h"
+#include "admin_node.h"
 #include "fmm/policy_runner.h"
 #include "notify/events.h"
 #include "platform/locks.h"
@@ -29,7 +30,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 struct Shards {
-    uint32_t local = 1;
     uint32_t result = 0;
     bool silent = false; // moves tell nobody
     std::deque<shard_node> nodes;
@@ -78,11 +78,11 @@ void tellBoth(const char *name, uint64_t data = 0)
 
 void tellMove(uint32_t from, uint32_t to)
 {
-    if (g_shards.local == from) {
+    if (getLocalLsID() == from) {
         tellBoth("VNODE_MOVEOUT");
     }
     tellOne("FMM", "SHARD_CHG");
-    if (g_shards.local == to) {
+    if (getLocalLsID() == to) {
         tellBoth("VNODE_MOVEIN");
     }
 }
@@ -91,10 +91,6 @@ void tellMove(uint32_t from, uint32_t to)
 
 // ---- the library
 
-uint32_t getLocalLsID(void)
-{
-    return g_shards.local;
-}
 uint32_t stub_GetPartionNumber(void)
 {
     return 3;
@@ -179,6 +175,8 @@ class AdminShards : public testing::Test {
 protected:
     void SetUp() override
     {
+        resetNode();
+        g_node.config["getLocalLsID"] = {0, "1"};
         g_shards = {};
         g_shardviewTbl = {};
         std::ranges::fill(shardViewStatus, shard_status{});
