@@ -435,6 +435,24 @@ TEST_F(AdminShards, RefuseIdsThatAreUnknownOrNone)
     EXPECT_THAT(g_shards.nodes, IsEmpty());
 }
 
+TEST_F(AdminShards, AreNotMovedByTheLibrarysCommandWhileTheIndexIsHeld)
+{
+    g_node.commands = {{"nas_fmm", "modify_fsp_shardview", "", nullptr}};
+    g_node.run = [](const std::optional<std::string> &value) {
+        g_shards.calls.push_back("command " + value.value());
+        tellOne("FMM", "SHARD_CHG"); // on the thread that holds notices back
+        return host::CommandAnswer{0, ""};
+    };
+    const host::admin::Request request{"POST", "/v1/commands",
+                                       R"({"module":"nas_fmm","command":"modify_fsp_shardview","value":"5"})"};
+    {
+        const IndexHold hold;
+        expectRefusal(503, "the lock of the shard index is held", host::admin::answerRequest(request));
+    }
+    EXPECT_EQ(host::admin::answerRequest(request).status, 200U);
+    EXPECT_THAT(g_shards.calls, ElementsAre("command 5"));
+}
+
 // ---- the policy
 
 TEST_F(AdminShards, HaveAPolicyThatIsOff)

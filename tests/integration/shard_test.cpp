@@ -1,8 +1,11 @@
 // The shards of a running node, moved and watched as an operator does it.
 #include "node.h"
 
+#include <csignal>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
+#include <sstream>
+#include <unistd.h>
 
 namespace {
 
@@ -12,7 +15,6 @@ using nlohmann::json;
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::Ge;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsSubsetOf;
@@ -36,7 +38,8 @@ protected:
     std::vector<uint32_t> on(uint32_t ls) const
     {
         std::vector<uint32_t> fsps;
-        for (const json &each : node_.json({"shard", "show"})["fsps"]) {
+        const json index = node_.json({"shard", "show"});
+        for (const json &each : index["fsps"]) {
             if (each["ls"] == ls) {
                 fsps.push_back(each["fsp"]);
             }
@@ -47,7 +50,8 @@ protected:
     std::vector<std::string> statuses() const
     {
         std::vector<std::string> found;
-        for (const json &shard : node_.json({"shard", "ls"})["shards"]) {
+        const json listed = node_.json({"shard", "ls"});
+        for (const json &shard : listed["shards"]) {
             found.push_back(shard["status"].get<std::string>() +
                             (shard["takeover_ls"].is_null() ? "" : " " + shard["takeover_ls"].dump()));
         }
@@ -266,6 +270,20 @@ TEST_F(Shards, OfALsThatIsReportedFaultyAreMovedByThePolicyAndBackOnceItIsSteady
     EXPECT_THAT(toldOf(node_.json({"fmm", "node-recover", "2"})), ElementsAre("FMM NODE_RECOVER 0"));
     EXPECT_THAT(policyEvent(node_, "FAIL_BACK"), HasSubstr("from LS 3 to LS 2: LS 2 is back, and steady for"));
     EXPECT_THAT(statuses(), ElementsAre("NORMAL", "NORMAL", "NORMAL"));
+}
+
+TEST_F(Shards, OfALsWhoseClientFailsInTheViewAreMovedByThePolicy)
+{
+    node_.json({"shard", "policy", "on"});
+    const pid_t client = support::spawn({NASCTL, "--root", node_.root(), "dpc", "join", "2"},
+                                        {.out = STDERR_FILENO, .err = STDERR_FILENO});
+    EXPECT_TRUE(Node::eventually([this] {
+        return node_.json({"dpc", "ls"}).dump().find("\"ls\":2") != std::string::npos;
+    }));
+    EXPECT_EQ(node_.ctl({"dpc", "fault", "2"}).exitCode, 0);
+    EXPECT_THAT(policyEvent(node_, "MIGRATE"), HasSubstr("from LS 2 to LS 3: LS 2 is faulty"));
+    kill(client, SIGTERM);
+    support::exitCodeOf(client);
 }
 
 TEST_F(Shards, StayInADryRunWhichTellsWhatWouldMove)
