@@ -112,7 +112,9 @@ join_client() {
     eventually every sees_client "$ls" running || fail "LS $ls did not join"
 }
 # LS STATE of the view's table.
-sees_client() { at "$1" dpc ls | awk -v ls="$2" -v state="$3" '$1 == ls && $2 == state { found = 1 } END { exit !found }'; }
+sees_client() {
+    at "$1" dpc ls | awk -v ls="$2" -v state="$3" '$1 == ls && $2 == state { found = 1 } END { exit !found }'
+}
 mark_events() {
     local n
     for n in "${nodes[@]}"; do marked[$n]=$(newest_event "$cluster/node$n"); done

@@ -59,10 +59,7 @@ protected:
         settings.clock = [this] { return std::chrono::milliseconds(now_); };
         host::startClusterStore(settings);
     }
-    void takeStoreAway() const
-    {
-        std::filesystem::rename(directory_ + "/cluster.db", directory_ + "/cluster.db.away");
-    }
+    void takeStoreAway() const { std::filesystem::rename(directory_ + "/cluster.db", directory_ + "/cluster.db.away"); }
     void passTime(std::chrono::milliseconds time) { now_ += time.count(); }
     // The view as it is stored.
     static host::DpcView stored() { return host::readView(*host::clusterStore()).value_or(host::DpcView{}); }

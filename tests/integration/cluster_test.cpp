@@ -157,8 +157,7 @@ TEST_F(OneNode, TellsOfTheReturnOfAClient)
     EXPECT_TRUE(Node::eventually([&] {
         auto events = told(node_, 12);
         std::erase(events, "NLM LOCKS_RELEASED"); // which runs beside the rest
-        return events ==
-               after({"CM JOINED", "CM HEART_BREAK", "DLG NODE_FAULT", "FMM NODE_FAULT"}, kRecovery);
+        return events == after({"CM JOINED", "CM HEART_BREAK", "DLG NODE_FAULT", "FMM NODE_FAULT"}, kRecovery);
     }));
     EXPECT_NE(node_.json({"dpc", "show", "12"})["session"], before["session"]);
 }
@@ -171,8 +170,8 @@ TEST_F(OneNode, TakesAReportedDeathForAProcessFault)
 
     EXPECT_EQ(node_.ctl({"dpc", "kill", "12"}).out, "LS 12: its process is reported dead\n");
 
-    EXPECT_TRUE(wasTold(node_, 12,
-                        after(kJoined, {"CM FAULT", "DLG NODE_FAULT", "FMM NODE_FAULT", "NLM LOCKS_RELEASED"})));
+    EXPECT_TRUE(
+        wasTold(node_, 12, after(kJoined, {"CM FAULT", "DLG NODE_FAULT", "FMM NODE_FAULT", "NLM LOCKS_RELEASED"})));
     EXPECT_EQ(lockCount(node_), 0U);
     EXPECT_EQ(node_.json({"dpc", "show", "12"})["last_fault"], "process fault");
     EXPECT_THAT(node_.log(), HasSubstr("[DPC_PROCESS_FAULT]Add dpc process fault event task lsid[12]"));
@@ -234,8 +233,8 @@ TEST_F(OneNode, TellsOfAFaultyClientWhenItStartsAnew)
     const Client back(node_, "12");
     ASSERT_TRUE(becomes(node_, 12, "running"));
     EXPECT_TRUE(Node::eventually([&] {
-        return told(node_, 12) == after({"CM HEART_BREAK", "DLG NODE_FAULT", "FMM NODE_FAULT", "NLM LOCKS_RELEASED"},
-                                        kRecovery);
+        return told(node_, 12) ==
+               after({"CM HEART_BREAK", "DLG NODE_FAULT", "FMM NODE_FAULT", "NLM LOCKS_RELEASED"}, kRecovery);
     }));
 }
 
