@@ -16,8 +16,8 @@ constexpr char kView[] =
     R"( "attributes": {"ip": "10.0.0.1"}}]})";
 
 constexpr char kClients[] = " LS  STATE    LAST FAULT   FAULTS  SESSION        NODE\n"
-                            "  7  faulty   heart break       2  100               1\n"
-                            "108  running  -                 0  1700000000000     2\n";
+                            "  7  faulty   heart break       2  100            1\n"
+                            "108  running  -                 0  1700000000000  2\n";
 
 constexpr char kNoClients[] = "LS  STATE  LAST FAULT  FAULTS  SESSION  NODE\n";
 
