@@ -123,6 +123,20 @@ StoreLease grantLease(Store &store, Membership &membership, std::chrono::seconds
     return grant.lease;
 }
 
+// A client that is back before the master saw that its lease had ended was lost all the same: every node is to know of
+// the fault before it knows of the return.
+void breakHeartOfEarlierLife(Store &store, uint32_t lsId, uint64_t session)
+{
+    changeView(store, [=](DpcView &view) {
+        DpcClient *client = view.find(lsId);
+        const bool lost = client != nullptr && client->runState == kRunning && client->session != session;
+        if (lost) {
+            markFaulty(*client, kHeartBreak);
+        }
+        return lost;
+    });
+}
+
 // The client's key first, then its row in the view: a row without a key is one whose heart broke.
 void enter(Store &store, const JoinRequest &request, Membership &membership)
 {
@@ -136,6 +150,7 @@ void enter(Store &store, const JoinRequest &request, Membership &membership)
     if (made.result != StoreResult::done) {
         throw StoreUnreachable();
     }
+    breakHeartOfEarlierLife(store, request.lsId, membership.session);
     changeView(store, [&](DpcView &view) {
         const DpcClient *before = view.find(request.lsId);
         if (before == nullptr && view.clients.size() == kMaxDpcClients) {
@@ -171,8 +186,9 @@ std::set<std::pair<uint32_t, uint64_t>> livingProcesses(Store &store)
     std::set<std::pair<uint32_t, uint64_t>> living;
     for (const StoreItem &item : keys.items) {
         const Json key = Json::parse(item.value, nullptr, false);
-        const auto session = key.is_object() ? key.value("session", uint64_t{0}) : 0;
-        living.emplace(lsIdOf(item.key), session);
+        if (key.is_object() && key.contains("session") && key["session"].is_number_unsigned()) {
+            living.emplace(lsIdOf(item.key), key["session"].get<uint64_t>());
+        }
     }
     return living;
 }
