@@ -79,7 +79,9 @@ StoreResult ClusterAgent::fetchView()
 void ClusterAgent::followFetched()
 {
     const std::scoped_lock hold(applyLock_);
-    if (!fetched_) {
+    const auto was = known();
+    if (!fetched_ || (following_ && fetched_->version < was->version)) {
+        fetched_.reset();
         return; // another thread connected meanwhile
     }
     watch_.reset();
@@ -87,7 +89,6 @@ void ClusterAgent::followFetched()
         const std::scoped_lock queue(queueLock_);
         events_.clear();
     }
-    const auto was = known();
     if (was == nullptr) {
         listener_.firstView(*fetched_);
     } else if (was->version != fetched_->version) {
@@ -155,7 +156,8 @@ void ClusterAgent::handle(const StoreEvent &event)
     }
 }
 
-// Every version is told of, one after the other; what the known view holds already is left out.
+// Every version is told of, one after the other; what the known view holds already is left out. Versions that the store
+// did not remember for the watch were missed.
 void ClusterAgent::handleView(const StoreItem &item)
 {
     try {
@@ -163,7 +165,8 @@ void ClusterAgent::handleView(const StoreItem &item)
         const std::scoped_lock hold(applyLock_);
         const auto was = known();
         if (following_ && was != nullptr && now.version > was->version) {
-            listener_.changed(*was, now);
+            const bool next = now.version == was->version + 1;
+            next ? listener_.changed(*was, now) : listener_.missed(*was, now);
             setKnown(std::move(now));
         }
     } catch (const std::exception &error) {

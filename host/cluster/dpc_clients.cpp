@@ -123,6 +123,20 @@ StoreLease grantLease(Store &store, Membership &membership, std::chrono::seconds
     return grant.lease;
 }
 
+// A client that is running in the view when another process of it holds the key has lost its lease, though the master
+// has not seen it yet.
+void breakHeart(Store &store, uint32_t lsId)
+{
+    changeView(store, [lsId](DpcView &view) {
+        DpcClient *before = view.find(lsId);
+        if (before == nullptr || before->runState != kRunning) {
+            return false;
+        }
+        markFaulty(*before, kHeartBreak);
+        return true;
+    });
+}
+
 // The client's key first, then its row in the view: a row without a key is one whose heart broke.
 void enter(Store &store, const JoinRequest &request, Membership &membership)
 {
@@ -136,6 +150,7 @@ void enter(Store &store, const JoinRequest &request, Membership &membership)
     if (made.result != StoreResult::done) {
         throw StoreUnreachable();
     }
+    breakHeart(store, request.lsId);
     changeView(store, [&](DpcView &view) {
         const DpcClient *before = view.find(request.lsId);
         if (before == nullptr && view.clients.size() == kMaxDpcClients) {

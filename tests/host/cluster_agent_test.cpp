@@ -29,6 +29,7 @@ class CuttableStore : public host::Store {
 public:
     explicit CuttableStore(host::Store &inner) : inner_(inner) {}
     std::atomic<bool> cut = false;
+    std::atomic<int> dropped = 0; // changes that the watch did not bring
 
     host::StoreWrite create(const std::string &key, const std::string &value, host::StoreLease lease) override
     {
@@ -62,7 +63,9 @@ public:
                                             host::StoreCallback callback) override
     {
         return inner_.watch(prefix, revision, [this, callback](const host::StoreEvent &event) {
-            if (!cut) {
+            if (cut) {
+                ++dropped;
+            } else {
                 callback(event);
             }
         });
@@ -252,6 +255,21 @@ TEST_F(Cluster, BreaksTheHeartsOfThoseWhoseLeaseEndedAndOfNoOther)
     EXPECT_EQ(host::readView(*store)->version, version);
 }
 
+TEST_F(Cluster, BreaksTheHeartOfAClientThatReturnsBeforeTheMasterSawItGo)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+    join(7, 3s);
+    now += 3001;
+
+    join(7, 60s);
+
+    ASSERT_TRUE(node.roundsUntil("changed [7-3] [7+]"));
+    EXPECT_THAT(node.told, ElementsAre("connected", "first []", "master 1", "changed [] [7+]", "changed [7+] [7-3]",
+                                       "changed [7-3] [7+]"));
+    EXPECT_EQ(host::readView(*store)->clients[0].faults, 1U);
+}
+
 TEST_F(Cluster, SaysThatItsStoreDoesNotAnswer)
 {
     CuttableStore far(*store);
@@ -402,6 +420,41 @@ TEST_F(Cluster, LetsAnotherNodeTakeOverFromOneThatIsCutOff)
     EXPECT_TRUE(first.roundsUntil("missed [7+] [7+]") || first.roundsUntil("missed [] [7+]"));
     EXPECT_EQ(first.agent.master(), 2U);
     EXPECT_EQ(*first.agent.known(), *host::readView(*store));
+}
+
+TEST_F(Cluster, TellsOfVersionsThatItsWatchDidNotBringAsMissed)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+    join(7);
+    ASSERT_TRUE(node.roundsUntil("changed [] [7+]"));
+    node.store.cut = true; // not for so long that its lease would end
+    host::failClient(*store, 7, host::kProcessFault, true);
+    join(7);
+    while (node.store.dropped < 4) { // its key and the view, twice
+        std::this_thread::sleep_for(1ms);
+    }
+    node.store.cut = false;
+    join(8);
+
+    EXPECT_TRUE(node.roundsUntil("missed [7+] [7+ 8+]"));
+}
+
+TEST_F(Cluster, DoesNotGoBackToAViewThatWasReadBeforeTheKnownOne)
+{
+    join(7);
+    Node node(*store, 1, clock);
+    node.agent.round();
+    ASSERT_EQ(node.agent.fetchView(), host::StoreResult::done);
+    join(8);
+    ASSERT_TRUE(node.roundsUntil("changed [7+] [7+ 8+]"));
+
+    node.agent.followFetched();
+    join(9);
+
+    ASSERT_TRUE(node.roundsUntil("changed [7+ 8+] [7+ 8+ 9+]"));
+    EXPECT_THAT(node.told, ElementsAre("connected", "first [7+]", "master 1", "changed [7+] [7+ 8+]",
+                                       "changed [7+ 8+] [7+ 8+ 9+]"));
 }
 
 TEST_F(Cluster, WaitsForTheLeaseOfAnEarlierLifeOfANode)
