@@ -85,6 +85,13 @@ void recordChanges(const DpcView &was, const DpcView &now)
     }
 }
 
+// The version first, then what it brought.
+void recordView(const DpcView &was, const DpcView &now)
+{
+    recordEvent({kModule, "VIEW", now.version, std::to_string(now.clients.size()) + " clients"});
+    recordChanges(was, now);
+}
+
 // The library's own view of the clients.
 void publish(const DpcView &view)
 {
@@ -127,13 +134,13 @@ public:
     void firstView(const DpcView &now) override
     {
         publish(now);
-        recordChanges({}, now);
+        recordView({}, now);
         tellFirstView(now);
     }
     void changed(const DpcView &was, const DpcView &now) override
     {
         publish(now);
-        recordChanges(was, now);
+        recordView(was, now);
         tellChange(was, now);
         if (now.clients.empty() && s_agent.load()->isMaster()) {
             NasReportRemovDpcStatustoCM();
@@ -142,7 +149,7 @@ public:
     void missed(const DpcView &was, const DpcView &now) override
     {
         publish(now);
-        recordChanges(was, now);
+        recordView(was, now);
         tellMissedChanges(was, now);
     }
 };
