@@ -1,20 +1,15 @@
 // Three nodes on an etcd of three members, while clients, nodes and etcd's leader are killed and come back in an order
 // that a seed decides. NASCTRL_CHAOS_SECONDS and NASCTRL_CHAOS_SEED choose another length and another order.
-#include "cluster_record.h"
+#include "cluster_member.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <iostream>
 #include <memory>
 #include <random>
-#include <sstream>
-#include <sys/wait.h>
+#include <set>
 #include <thread>
-#include <unistd.h>
-#include <utility>
 
 namespace integration {
 namespace {
@@ -22,9 +17,11 @@ namespace {
 using nlohmann::json;
 using std::chrono::milliseconds;
 
-constexpr size_t kNodes = 3;
+constexpr uint32_t kNodes = 3;
 constexpr uint32_t kClients = 4; // LS 11 to 14
 constexpr uint32_t kFirstClient = 11;
+constexpr std::chrono::seconds kTtl{1};
+constexpr std::chrono::seconds kLastTtl{600};
 constexpr uint64_t kDefaultSeed = 20260131;
 constexpr uint64_t kDefaultSeconds = 10;
 
@@ -62,128 +59,13 @@ std::vector<Step> plan(uint64_t seed, std::chrono::seconds length)
     return steps;
 }
 
-// ---- who takes part
-
-// A process of nasctl dpc join.
-class Client {
-public:
-    explicit Client(uint32_t lsId) : lsId_(lsId) {}
-    ~Client() { kill(); }
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
-
-    bool lives()
-    {
-        if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) != 0) {
-            pid_ = -1;
-        }
-        return pid_ > 0;
-    }
-    void join(const Node &node)
-    {
-        const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
-        pid_ = support::spawn({NASCTL, "--root", node.root(), "dpc", "join", std::to_string(lsId_), "--ttl", "1"},
-                              {.out = nowhere, .err = nowhere});
-        close(nowhere);
-    }
-    void kill()
-    {
-        if (lives()) {
-            ::kill(pid_, SIGKILL);
-            waitpid(std::exchange(pid_, -1), nullptr, 0);
-        }
-    }
-
-private:
-    uint32_t lsId_;
-    pid_t pid_ = -1;
-};
-
-// A node, the stream of its present life, and somebody who publishes through it all the time.
-class Member {
-public:
-    Member(size_t number, const std::string &store) : number_(number)
-    {
-        node_.option("--node-id", std::to_string(number + 1));
-        node_.option("--store", store);
-        node_.option("--lease", "2");
-        start();
-    }
-
-    const Node &node() const { return node_; }
-    bool up() const { return up_; }
-    void start()
-    {
-        ++lives_;
-        taken_.clear();
-        up_ = node_.start();
-        EXPECT_TRUE(up_) << node_.startOutput();
-    }
-    NodeLife kill()
-    {
-        NodeLife life = read();
-        node_.stop(SIGKILL);
-        up_ = false;
-        return life;
-    }
-    void lock(uint32_t lsId)
-    {
-        const std::string start = std::to_string(2 * ++locks_);
-        const bool took =
-            node_.ctl({"locks", "take", "--ls", std::to_string(lsId), "/shared", start, "1"}).exitCode == 0;
-        taken_[lsId] += took ? 1 : 0;
-    }
-    NodeLife read() const
-    {
-        NodeLife life;
-        life.name = "node " + std::to_string(number_ + 1) + " (life " + std::to_string(lives_) + ")";
-        std::istringstream lines(node_.ctl({"--json", "events"}).out);
-        for (std::string line; std::getline(lines, line);) {
-            life.events.push_back(json::parse(line));
-        }
-        return life;
-    }
-    NodeLife readWhole() const
-    {
-        NodeLife life = read();
-        life.whole = true;
-        life.locksTaken = taken_;
-        for (const json &lock : node_.json({"locks", "ls"})["locks"]) {
-            ++life.locksHeld[lock.at("ls_id")];
-        }
-        return life;
-    }
-
-    void publish(const std::stop_token &stop)
-    {
-        for (auto fl = static_cast<uint32_t>(1'000'000 * (number_ + 1)); !stop.stop_requested(); ++fl) {
-            const Outcome made =
-                node_.ctl({"--json", "--timeout-ms", "60000", "ns", "publish", std::to_string(fl)});
-            if (made.exitCode == 0) {
-                published_.push_back({number_, fl, json::parse(made.out).at("version")});
-            }
-            std::this_thread::sleep_for(milliseconds(made.exitCode == 0 ? 10 : 100));
-        }
-    }
-    // Once nobody publishes.
-    const std::vector<Publication> &published() const { return published_; }
-
-private:
-    size_t number_;
-    Node node_;
-    bool up_ = false;
-    int lives_ = 0;
-    uint64_t locks_ = 0;
-    std::map<uint32_t, uint64_t> taken_; // in this life
-    std::vector<Publication> published_;
-};
-
 class Chaos : public testing::Test {
 protected:
     void SetUp() override
     {
-        for (size_t i = 0; i < kNodes; ++i) {
-            members_.push_back(std::make_unique<Member>(i, etcd_.storeOption()));
+        for (uint32_t i = 0; i < kNodes; ++i) {
+            members_.push_back(std::make_unique<Member>(i + 1, etcd_.storeOption()));
+            members_.back()->start();
         }
         for (uint32_t i = 0; i < kClients; ++i) {
             clients_.push_back(std::make_unique<Client>(kFirstClient + i));
@@ -217,7 +99,7 @@ protected:
         if (client.lives()) {
             client.kill();
         } else if (members_[step.where]->up()) {
-            client.join(members_[step.where]->node());
+            client.join(members_[step.where]->node(), kTtl);
         }
     }
     // One is down at a time, so that there are always nodes that live through it.
@@ -249,51 +131,43 @@ protected:
                 member->start();
             }
         }
+        for (const auto &client : clients_) {
+            client->kill();
+        }
         EXPECT_TRUE(support::eventually([this] { return everyClientRuns() && allAgree(); })) << whatNodesSee();
     }
-    // Joins those that are down; one whose lease lives still is refused, and joins the next time.
+    // Joins those that are down, for so long that nothing changes any more; one whose lease lives still is refused, and
+    // joins the next time.
     bool everyClientRuns()
     {
-        const json view = members_[0]->node().json({"view"});
-        size_t running = 0;
-        for (const json &row : view.at("clients")) {
-            running += row.at("state") == "running" ? 1 : 0;
-        }
+        const Node &node = members_[0]->node();
+        std::set<std::string> sessions;
         for (const auto &client : clients_) {
             if (!client->lives()) {
-                client->join(members_[0]->node());
-                running = 0;
+                client->join(node, kLastTtl);
             }
+            sessions.insert(client->session());
         }
-        return running == kClients;
+        const json view = members_[0]->view();
+        return view.at("clients").size() == kClients && std::ranges::all_of(view.at("clients"), [&](const json &row) {
+                   return row.at("state") == "running" && sessions.contains(row.at("session"));
+               });
     }
     bool allAgree() const
     {
-        const json first = members_[0]->node().json({"view"});
+        const json first = members_[0]->view();
         return first.at("connected") == true && !first.at("master").is_null() &&
-               std::ranges::all_of(members_, [&](const auto &member) { return member->node().json({"view"}) == first; });
+               std::ranges::all_of(members_, [&](const auto &member) { return member->view() == first; });
     }
     std::string whatNodesSee() const
     {
         std::string text;
         for (const auto &member : members_) {
-            text += member->node().ctl({"--json", "view"}).out;
+            text += member->view().dump() + "\n";
         }
         return text;
     }
 
-    // The locks of a client are released after the node told of its fault.
-    NodeLife readWhole(const Member &member, const ClusterRecord &record) const
-    {
-        NodeLife life = member.readWhole();
-        support::eventually([&] {
-            life = member.readWhole();
-            const auto released = std::ranges::count_if(
-                life.events, [](const json &event) { return event.at("event") == "LOCKS_RELEASED"; });
-            return static_cast<uint64_t>(released) >= record.releasesOf(life);
-        });
-        return life;
-    }
     void checkAll()
     {
         const ClusterRecord record(etcd_.history("nasctrl/"));
@@ -301,7 +175,7 @@ protected:
         for (const auto &member : members_) {
             EXPECT_THAT(member->published(), testing::Not(testing::IsEmpty()));
             published.insert(published.end(), member->published().begin(), member->published().end());
-            record.checkLife(readWhole(*member, record));
+            record.checkLife(member->readWhole(record));
         }
         for (const NodeLife &life : ended_) {
             record.checkLife(life);
@@ -326,10 +200,10 @@ TEST_F(Chaos, LosesNothingAndAgreesInTheEnd)
     {
         std::vector<std::jthread> publishers;
         for (const auto &member : members_) {
-            publishers.emplace_back([&member](const std::stop_token &stop) { member->publish(stop); });
+            publishers.emplace_back([&member](const std::stop_token &stop) { member->publishUntil(stop); });
         }
         for (const auto &client : clients_) {
-            client->join(members_[0]->node());
+            client->join(members_[0]->node(), kTtl);
         }
         for (const Step &step : plan(seed, length)) {
             take(step);

@@ -19,11 +19,11 @@ struct Publication {
 
 // One life of a node's process, between a start and an end.
 struct NodeLife {
-    std::string name;                         // for failures
-    std::vector<nlohmann::json> events;       // as its stream gave them
-    std::map<uint32_t, uint64_t> locksTaken;  // by LS id
-    std::map<uint32_t, uint64_t> locksHeld;   // at the end
-    bool whole = false;                       // it lived to the end, and its stream is complete
+    std::string name;                        // for failures
+    std::vector<nlohmann::json> events;      // as its stream gave them
+    std::map<uint32_t, uint64_t> locksTaken; // by LS id
+    std::map<uint32_t, uint64_t> locksHeld;  // at the end
+    bool whole = false;                      // it lived to the end, and its stream is complete
 };
 
 class ClusterRecord {

@@ -117,11 +117,11 @@ std::vector<std::string> EtcdCluster::command(size_t member) const
         cluster += (i == 0 ? "m" : ",m") + std::to_string(i) + "=" + members_[i].peerUrl;
     }
     std::vector<std::string> command = prefix_;
-    command.insert(command.end(),
-                   {"setpriv", "--pdeathsig", "KILL", "etcd", "--name=" + name, "--data-dir=" + folder_.path() + "/" + name,
-                    "--listen-client-urls=" + own.clientUrl, "--advertise-client-urls=" + own.clientUrl,
-                    "--listen-peer-urls=" + own.peerUrl, "--initial-advertise-peer-urls=" + own.peerUrl,
-                    "--initial-cluster=" + cluster, "--heartbeat-interval=50", "--election-timeout=500"});
+    command.insert(command.end(), {"setpriv", "--pdeathsig", "KILL", "etcd", "--name=" + name,
+                                   "--data-dir=" + folder_.path() + "/" + name, "--listen-client-urls=" + own.clientUrl,
+                                   "--advertise-client-urls=" + own.clientUrl, "--listen-peer-urls=" + own.peerUrl,
+                                   "--initial-advertise-peer-urls=" + own.peerUrl, "--initial-cluster=" + cluster,
+                                   "--heartbeat-interval=50", "--election-timeout=500"});
     return command;
 }
 
