@@ -3,6 +3,7 @@
  * long as it renews its lease.
  */
 #include "admin_client.h"
+#include "commands/cluster_cells.h"
 #include "commands/commands.h"
 #include "failure.h"
 #include "parse.h"
@@ -50,9 +51,8 @@ std::string clientTable(const json &clients, bool colour)
 
 std::string viewText(const json &view, bool colour)
 {
-    const std::string master = view.at("master").is_null() ? "not known" : "LS " + shown(view.at("master")).text;
     const std::string version = view.at("version").is_null() ? "none read yet" : shown(view.at("version")).text;
-    return "view " + version + ", master " + master +
+    return "view " + version + ", master " + masterCell(view.at("master")).text +
            (view.at("connected").get<bool>() ? "\n" : ", cluster store out of reach\n") +
            clientTable(view.at("clients"), colour);
 }

@@ -2,6 +2,7 @@
  * nasctl ns and nasctl version: the version record in the cluster's name service, and compatible-version texts.
  */
 #include "admin_client.h"
+#include "commands/cluster_cells.h"
 #include "commands/commands.h"
 #include "failure.h"
 #include "parse.h"
@@ -11,18 +12,6 @@
 namespace ctl {
 
 using nlohmann::json;
-
-static Cell storeCell(const json &store)
-{
-    if (store.is_null()) {
-        return {"none", Tone::bad};
-    }
-    const std::string place = shown(store.at("place")).text;
-    if (store.at("reachable").get<bool>()) {
-        return {place};
-    }
-    return {place + " (unreachable: " + shown(store.at("error")).text + ")", Tone::bad};
-}
 
 static std::string nameTable(const json &answer, bool colour)
 {

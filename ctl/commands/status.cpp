@@ -2,6 +2,7 @@
  * nasctl status: the node on one screen.
  */
 #include "admin_client.h"
+#include "commands/cluster_cells.h"
 #include "commands/commands.h"
 #include "view.h"
 #include <nlohmann/json.hpp>
@@ -49,6 +50,16 @@ static Cell powerCell(const json &power)
     return {shown(power.at("name")).text + " (" + shown(power.at("state")).text + ")"};
 }
 
+static Cell viewCell(const json &cluster)
+{
+    const json &version = cluster.at("view_version");
+    const std::string text =
+        version.is_null() ? "none read yet"
+                          : "version " + shown(version).text + ", " + shown(cluster.at("clients")).text + " clients";
+    const bool connected = cluster.at("connected").get<bool>();
+    return {text + (connected ? "" : ", not connected"), connected ? Tone::plain : Tone::bad};
+}
+
 static std::string summary(const json &answer, bool colour)
 {
     const json &node = answer.at("node");
@@ -64,6 +75,10 @@ static std::string summary(const json &answer, bool colour)
                 counts(answer.at("messages"),
                        {"connections", "accepted", "messages", "replies", "malformed", "undelivered"})});
     fields.add({{"memory"}, counts(answer.at("memory"), {"blocks", "bytes"})});
+    const json &cluster = answer.at("cluster");
+    fields.add({{"store"}, storeCell(cluster.at("store"))});
+    fields.add({{"master"}, masterCell(cluster.at("master"))});
+    fields.add({{"view"}, viewCell(cluster)});
     return fields.render(colour);
 }
 

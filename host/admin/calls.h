@@ -19,6 +19,9 @@ struct CallInput {
     std::string query = {}; // what follows the path's '?', for the calls that take one
 };
 
+// A part of several answers: the cluster store and what became of the last call to it; null = there is none.
+Json storePart();
+
 Json getStatus(const CallInput &input);
 Json getIps(const CallInput &input);
 Json getPower(const CallInput &input);

@@ -48,18 +48,6 @@ private:
     ns_request request_{&sem_, &value_, 0};
 };
 
-Json storePart()
-{
-    const auto store = clusterStore();
-    if (!store) {
-        return nullptr;
-    }
-    const StoreStatus status = store->status();
-    return {{"place", status.place},
-            {"reachable", status.reachable},
-            {"error", status.error.empty() ? Json() : Json(status.error)}};
-}
-
 Json localPart()
 {
     const SpinHold hold(s_clusterVerinfo.lock);
@@ -88,6 +76,18 @@ void checkName()
 }
 
 } // namespace
+
+Json storePart()
+{
+    const auto store = clusterStore();
+    if (!store) {
+        return nullptr;
+    }
+    const StoreStatus status = store->status();
+    return {{"place", status.place},
+            {"reachable", status.reachable},
+            {"error", status.error.empty() ? Json() : Json(status.error)}};
+}
 
 Json getName(const CallInput & /*input*/)
 {

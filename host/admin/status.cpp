@@ -3,6 +3,7 @@
  */
 #include "admin/addresses.h"
 #include "admin/calls.h"
+#include "cluster/cm_client.h"
 #include "message/message_service.h"
 #include "modules/modules.h"
 #include "node.h"
@@ -68,6 +69,17 @@ Json messagesPart()
             {"malformed", counters.malformed},     {"undelivered", counters.undelivered}};
 }
 
+Json clusterPart()
+{
+    const CmStatus status = cmStatus();
+    const auto view = knownView();
+    return {{"store", storePart()},
+            {"connected", status.connected},
+            {"master", status.master ? Json(*status.master) : Json()},
+            {"view_version", view != nullptr ? Json(view->version) : Json()},
+            {"clients", view != nullptr ? view->clients.size() : 0}};
+}
+
 Json memoryPart()
 {
     const Json memory = getMemory({});
@@ -86,7 +98,8 @@ Json getStatus(const CallInput &input)
     return {{"node", nodePart()},       {"power", getPower(input)},
             {"start", startPart()},     {"addresses", std::move(addresses)},
             {"modules", modulesPart()}, {"messages", messagesPart()},
-            {"memory", memoryPart()},   {"busy", std::move(busy)}};
+            {"memory", memoryPart()},   {"cluster", clusterPart()},
+            {"busy", std::move(busy)}};
 }
 
 } // namespace host::admin

@@ -4,6 +4,7 @@
 
 #include <nasctrl/host/log.h>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace host {
 namespace {
@@ -11,10 +12,14 @@ namespace {
 // Until the next try after the store did not answer.
 constexpr std::chrono::milliseconds kRetryPause{200};
 
-int32_t commandType(const std::string &text)
+// Nothing when the text is no command.
+std::optional<int32_t> commandType(const std::string &text)
 {
     const auto json = nlohmann::json::parse(text, nullptr, false);
-    return json.is_object() ? json.value("type", int32_t{0}) : 0;
+    if (!json.is_object() || !json.contains("type") || !json["type"].is_number_integer()) {
+        return std::nullopt;
+    }
+    return json["type"].get<int32_t>();
 }
 
 } // namespace
@@ -30,6 +35,9 @@ void ClusterAgent::round()
     handleEvents();
     if (clock_() >= nextRenewal_) {
         keepContact();
+    }
+    if (lookAfterClients_ && lease_.isMaster()) {
+        lookAfterClients();
     }
     noteLoss();
     noteMaster();
@@ -62,6 +70,13 @@ void ClusterAgent::leave()
 // The whole of a key as a list, because a list tells where the watch goes on.
 StoreResult ClusterAgent::fetchView()
 {
+    uint64_t fetch = 0;
+    {
+        const std::scoped_lock hold(applyLock_);
+        following_ = false;
+        fetched_.reset();
+        fetch = ++fetches_;
+    }
     const StoreList list = store_.list(kViewKey);
     if (list.result != StoreResult::done) {
         return StoreResult::unknown;
@@ -71,37 +86,42 @@ StoreResult ClusterAgent::fetchView()
         view = parseDpcView(list.items.front().value);
     }
     const std::scoped_lock hold(applyLock_);
-    fetched_ = std::move(view);
-    fetchedRevision_ = list.revision;
+    if (fetch == fetches_) {
+        fetched_ = std::move(view);
+        fetchedRevision_ = list.revision;
+    }
     return list.items.empty() ? StoreResult::absent : StoreResult::done;
 }
 
 void ClusterAgent::followFetched()
 {
     const std::scoped_lock hold(applyLock_);
+    if (!fetched_) {
+        return; // another thread fetched meanwhile
+    }
     const auto was = known();
-    if (!fetched_ || (following_ && fetched_->version < was->version)) {
-        fetched_.reset();
-        return; // another thread connected meanwhile
-    }
-    watch_.reset();
-    {
-        const std::scoped_lock queue(queueLock_);
-        events_.clear();
-    }
     if (was == nullptr) {
         listener_.firstView(*fetched_);
     } else if (was->version != fetched_->version) {
         listener_.missed(*was, *fetched_);
     }
-    setKnown(std::move(*fetched_));
+    // A store that was put back to an earlier state counts its revisions from there.
+    const bool wentBack = fetchedRevision_ < knownRevision_;
+    setKnown(std::move(*fetched_), fetchedRevision_);
     fetched_.reset();
+    if (watch_ == nullptr || wentBack) {
+        skipped_.reset();
+        watch_.reset();
+        watch_ = store_.watch(kCmPrefix, fetchedRevision_, [this](const StoreEvent &event) {
+            const std::scoped_lock queue(queueLock_);
+            events_.push_back(event);
+            work_.notify_all();
+        });
+    }
     following_ = true;
-    watch_ = store_.watch(kCmPrefix, fetchedRevision_, [this](const StoreEvent &event) {
-        const std::scoped_lock queue(queueLock_);
-        events_.push_back(event);
-        work_.notify_all();
-    });
+    if (const auto skipped = std::exchange(skipped_, std::nullopt)) {
+        followView(*skipped);
+    }
 }
 
 bool ClusterAgent::isConnected() const
@@ -144,33 +164,50 @@ void ClusterAgent::handle(const StoreEvent &event)
     const std::string &key = event.item.key;
     const bool removed = event.kind == StoreEvent::Kind::removed;
     if (event.kind == StoreEvent::Kind::lost) {
+        stopFollowing();
         listener_.connected();
     } else if (key == kViewKey && !removed) {
         handleView(event.item);
     } else if (key == kCommandKey && !removed) {
-        listener_.command(commandType(event.item.value));
+        if (const auto type = commandType(event.item.value)) {
+            listener_.command(*type);
+        } else {
+            HOST_LOG(NASCTRL_LOG_ERROR, "cluster: what is stored as a command is not one");
+        }
     } else if (key == kMasterKey) {
         nextRenewal_ = clock_();
-    } else if (key.starts_with(kClientPrefix) && removed && lease_.isMaster()) {
-        lookAfterClients();
+    } else if (key.starts_with(kClientPrefix) && removed) {
+        lookAfterClients_ = true; // once for all that were removed together
     }
 }
 
-// Every version is told of, one after the other; what the known view holds already is left out. Versions that the store
-// did not remember for the watch were missed.
 void ClusterAgent::handleView(const StoreItem &item)
 {
+    const std::scoped_lock hold(applyLock_);
+    if (!following_) {
+        skipped_ = item;
+        return;
+    }
     try {
-        DpcView now = parseDpcView(item.value);
-        const std::scoped_lock hold(applyLock_);
-        const auto was = known();
-        if (following_ && was != nullptr && now.version > was->version) {
-            const bool next = now.version == was->version + 1;
-            next ? listener_.changed(*was, now) : listener_.missed(*was, now);
-            setKnown(std::move(now));
-        }
+        followView(item);
     } catch (const std::exception &error) {
         HOST_LOG(NASCTRL_LOG_ERROR, "cluster: %s", error.what());
+    }
+}
+
+// Every version is told of, one after the other; what the known view holds already is left out. Where versions are
+// missing, nobody knows what was between.
+void ClusterAgent::followView(const StoreItem &item)
+{
+    DpcView now = parseDpcView(item.value);
+    const auto was = known();
+    if (item.revision > knownRevision_) {
+        if (now.version == was->version + 1) {
+            listener_.changed(*was, now);
+        } else {
+            listener_.missed(*was, now);
+        }
+        setKnown(std::move(now), item.revision);
     }
 }
 
@@ -192,9 +229,7 @@ void ClusterAgent::keepContact()
     if (came) {
         listener_.connected();
     }
-    if (lease_.isMaster()) {
-        lookAfterClients();
-    }
+    lookAfterClients_ = true;
 }
 
 void ClusterAgent::noteLoss()
@@ -206,10 +241,7 @@ void ClusterAgent::noteLoss()
         }
         connected_ = false;
     }
-    {
-        const std::scoped_lock hold(applyLock_);
-        following_ = false;
-    }
+    stopFollowing();
     listener_.disconnected();
 }
 
@@ -222,8 +254,15 @@ void ClusterAgent::noteMaster()
     }
 }
 
+void ClusterAgent::stopFollowing()
+{
+    const std::scoped_lock hold(applyLock_);
+    following_ = false;
+}
+
 void ClusterAgent::lookAfterClients()
 {
+    lookAfterClients_ = false;
     try {
         breakHearts(store_);
     } catch (const std::exception &error) {
@@ -231,9 +270,10 @@ void ClusterAgent::lookAfterClients()
     }
 }
 
-void ClusterAgent::setKnown(DpcView view)
+void ClusterAgent::setKnown(DpcView view, uint64_t revision)
 {
     auto next = std::make_shared<const DpcView>(std::move(view));
+    knownRevision_ = revision;
     const std::scoped_lock hold(queueLock_);
     known_ = std::move(next);
 }

@@ -3,7 +3,7 @@
  * look after the clients as master and tell of what the store's watch brought.
  *
  * round and waitForWork are for one thread. fetchView and followFetched are for the threads that connect; of several at
- * once, the last to read wins. applyLock_ is held while a view is told of, so that views are told of one at a time and
+ * once, the last to begin wins. applyLock_ is held while a view is told of, so that views are told of one at a time and
  * in order; queueLock_ for a few instructions, also from the watch's thread.
  */
 #pragma once
@@ -46,8 +46,9 @@ public:
 
     // Reads the whole view; it becomes the known one with followFetched. done, absent (nobody ever joined), unknown.
     // Throws std::runtime_error when what is stored is no view.
+    // Until followFetched, what the watch brings of the view is put aside.
     StoreResult fetchView();
-    void followFetched();
+    void followFetched(); // throws what the listener and the store's watch throw; then fetch anew
 
     // From any thread.
     std::optional<uint32_t> master() const { return lease_.master(); }
@@ -60,11 +61,13 @@ private:
     void handleEvents();
     void handle(const StoreEvent &event);
     void handleView(const StoreItem &item);
+    void followView(const StoreItem &item);
     void keepContact();
     void noteLoss();
     void noteMaster();
+    void stopFollowing();
     void lookAfterClients();
-    void setKnown(DpcView view);
+    void setKnown(DpcView view, uint64_t revision);
 
     Store &store_;
     const NodeLeaseSettings settings_;
@@ -74,11 +77,16 @@ private:
     std::optional<uint32_t> toldMaster_;
     std::chrono::milliseconds nextRenewal_{0};
 
+    bool lookAfterClients_ = false; // a client's lease ended
+
     std::mutex applyLock_;
-    std::unique_ptr<StoreWatch> watch_;
-    bool following_ = false; // the watch's events continue the known view
-    std::optional<DpcView> fetched_;
+    std::unique_ptr<StoreWatch> watch_; // of one life with the store: no command is lost between two
+    bool following_ = false;            // the watch's events continue the known view
+    uint64_t knownRevision_ = 0;        // of the store, when the known view was read or written
+    uint64_t fetches_ = 0;
+    std::optional<DpcView> fetched_; // by the last fetch that began
     uint64_t fetchedRevision_ = 0;
+    std::optional<StoreItem> skipped_; // the last that the watch brought while nothing was followed
 
     mutable std::mutex queueLock_; // guards what follows
     std::condition_variable work_;

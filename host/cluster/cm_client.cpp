@@ -34,6 +34,8 @@ constexpr uint32_t kClientIdOfEvent = 1; // what CM_getEventInfo is asked for
 constexpr int32_t kNoView = 0x188004;    // the answer to a fetch: nobody ever joined
 constexpr const char *kModule = "CM";
 constexpr uint32_t kReportPauseMs = 1000;
+constexpr uint32_t kFollowPauseMs = 1000;
+constexpr uint32_t kFetchPauseMs = 100;
 
 // Of events and commands the library reads only the type.
 struct CmEvent {
@@ -57,30 +59,34 @@ void deliver(int32_t type)
     NasCtrlHandleClusterEvent(&event);
 }
 
-const char *nameOfChange(const DpcClient *was, const DpcClient &now)
+void record(const char *name, const DpcClient &client)
 {
-    if (was == nullptr) {
-        return "JOINED";
+    recordEvent({kModule, name, client.lsId, "session " + std::to_string(client.session)});
+}
+
+// was is null for a client that was not there.
+void recordChange(const DpcClient *was, const DpcClient &now)
+{
+    const bool wasRunning = was == nullptr || was->runState == kRunning;
+    const bool failedUnseen = was != nullptr && wasRunning && was->faults != now.faults;
+    if (failedUnseen || (wasRunning && now.runState == kFaulty)) {
+        record(now.faultReason == kHeartBreak ? "HEART_BREAK" : "FAULT", now);
     }
-    if (was->runState == now.runState) {
-        return nullptr;
+    if (now.runState == kRunning && was == nullptr) {
+        record("JOINED", now);
+    } else if (now.runState == kRunning && (failedUnseen || !wasRunning)) {
+        record("RETURNED", now);
     }
-    if (now.runState == kRunning) {
-        return "RETURNED";
-    }
-    return now.faultReason == kHeartBreak ? "HEART_BREAK" : "FAULT";
 }
 
 void recordChanges(const DpcView &was, const DpcView &now)
 {
     for (const DpcClient &client : now.clients) {
-        if (const char *name = nameOfChange(was.find(client.lsId), client)) {
-            recordEvent({kModule, name, client.lsId, "session " + std::to_string(client.session)});
-        }
+        recordChange(was.find(client.lsId), client);
     }
     for (const DpcClient &client : was.clients) {
         if (now.find(client.lsId) == nullptr) {
-            recordEvent({kModule, "LEFT", client.lsId, "session " + std::to_string(client.session)});
+            record("LEFT", client);
         }
     }
 }
@@ -142,15 +148,23 @@ public:
         publish(now);
         recordView(was, now);
         tellChange(was, now);
-        if (now.clients.empty() && s_agent.load()->isMaster()) {
-            NasReportRemovDpcStatustoCM();
-        }
+        reportWhenEmpty(was, now);
     }
     void missed(const DpcView &was, const DpcView &now) override
     {
         publish(now);
         recordView(was, now);
         tellMissedChanges(was, now);
+        reportWhenEmpty(was, now);
+    }
+
+private:
+    // One node reports for all.
+    static void reportWhenEmpty(const DpcView &was, const DpcView &now)
+    {
+        if (!was.clients.empty() && now.clients.empty() && s_agent.load()->isMaster()) {
+            NasReportRemovDpcStatustoCM();
+        }
     }
 };
 
@@ -164,7 +178,11 @@ void runAgent(ClusterAgent &agent)
 {
     pthread_setname_np(pthread_self(), "cm");
     while (agent.waitForWork()) {
-        agent.round();
+        try {
+            agent.round();
+        } catch (const std::exception &error) {
+            HOST_LOG(NASCTRL_LOG_ERROR, "cluster: a round of the CM client broke off: %s", error.what());
+        }
     }
     agent.leave();
 }
@@ -193,7 +211,11 @@ int32_t store(const Report &report)
 void *deliverReport(void *own)
 {
     const std::unique_ptr<Report> report(static_cast<Report *>(own));
-    const int32_t result = store(*report);
+    int32_t result = -ENOMEM;
+    try {
+        result = store(*report);
+    } catch (const std::bad_alloc &) { // told like any other failure
+    }
     if (result != 0) {
         kvos_msleep(kReportPauseMs);
     }
@@ -226,6 +248,32 @@ dpc_event_task *takeTask()
     }
     do_kvos_spinlock_unlock(&list.lock);
     return task;
+}
+
+// The library gives the node up after 101 attempts, so one of them lasts as long as a lease: the node is to outlive a
+// store that is gone for minutes.
+StoreResult fetchPatiently(ClusterAgent &agent)
+{
+    const auto end = steadyNow() + s_settings.ttl;
+    StoreResult fetched = agent.fetchView();
+    while (fetched == StoreResult::unknown && steadyNow() < end) {
+        kvos_msleep(kFetchPauseMs);
+        fetched = agent.fetchView();
+    }
+    return fetched;
+}
+
+// Reads the whole view and follows it from there. False when that broke off for want of memory or a thread.
+bool followView()
+{
+    NasCtrlHandleTryGetDpcViewAdapter(nullptr); // ends the process rather than fail
+    try {
+        s_agent.load()->followFetched();
+        return true;
+    } catch (const std::exception &error) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "cluster: the view is not followed yet: %s", error.what());
+        return false;
+    }
 }
 
 } // namespace
@@ -325,14 +373,18 @@ int32_t CM_reportDsBusinessStatusAsyn(uint32_t client_id, const void *records, u
     if (s_store == nullptr) {
         return -ENOTCONN;
     }
-    auto report =
-        std::make_unique<Report>(Report{textOf(static_cast<const cm_attr *>(records), count), callback, context});
-    unsigned long thread = 0;
-    const int32_t result = kvos_thrd_create(deliverReport, report.get(), &thread);
-    if (result == 0) {
-        static_cast<void>(report.release()); // deliverReport owns it
+    try {
+        auto report =
+            std::make_unique<Report>(Report{textOf(static_cast<const cm_attr *>(records), count), callback, context});
+        unsigned long thread = 0;
+        const int32_t result = kvos_thrd_create(deliverReport, report.get(), &thread);
+        if (result == 0) {
+            static_cast<void>(report.release()); // deliverReport owns it
+        }
+        return result;
+    } catch (const std::bad_alloc &) {
+        return -ENOMEM;
     }
-    return result;
 }
 
 int32_t getGlbMasterLsId(uint32_t *ls_id)
@@ -365,7 +417,7 @@ void NasCtrlHandleDpcEventAdapter(int32_t *result, uint32_t, void *)
         return;
     }
     try {
-        const StoreResult fetched = agent->fetchView();
+        const StoreResult fetched = fetchPatiently(*agent);
         *result = fetched == StoreResult::done ? 0 : fetched == StoreResult::absent ? kNoView : -ETIMEDOUT;
     } catch (const std::exception &error) {
         HOST_LOG(NASCTRL_LOG_ERROR, "cluster: %s", error.what());
@@ -375,10 +427,10 @@ void NasCtrlHandleDpcEventAdapter(int32_t *result, uint32_t, void *)
 
 void *NasCtrlHandleDpcConnectEvent(void *)
 {
-    if (NasCtrlHandleTryGetDpcViewAdapter(nullptr) == NAS_OK) {
-        s_agent.load()->followFetched();
-        g_nasCtrlDpcSubscribed = 1;
+    while (!followView()) {
+        kvos_msleep(kFollowPauseMs);
     }
+    std::atomic_ref<uint32_t>(g_nasCtrlDpcSubscribed).store(1);
     return nullptr;
 }
 

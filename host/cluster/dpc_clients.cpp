@@ -123,17 +123,17 @@ StoreLease grantLease(Store &store, Membership &membership, std::chrono::seconds
     return grant.lease;
 }
 
-// A client that is running in the view when another process of it holds the key has lost its lease, though the master
-// has not seen it yet.
-void breakHeart(Store &store, uint32_t lsId)
+// A client that is back before the master saw that its lease had ended was lost all the same: every node is to know of
+// the fault before it knows of the return.
+void breakHeartOfEarlierLife(Store &store, uint32_t lsId, uint64_t session)
 {
-    changeView(store, [lsId](DpcView &view) {
-        DpcClient *before = view.find(lsId);
-        if (before == nullptr || before->runState != kRunning) {
-            return false;
+    changeView(store, [=](DpcView &view) {
+        DpcClient *client = view.find(lsId);
+        const bool lost = client != nullptr && client->runState == kRunning && client->session != session;
+        if (lost) {
+            markFaulty(*client, kHeartBreak);
         }
-        markFaulty(*before, kHeartBreak);
-        return true;
+        return lost;
     });
 }
 
@@ -150,7 +150,7 @@ void enter(Store &store, const JoinRequest &request, Membership &membership)
     if (made.result != StoreResult::done) {
         throw StoreUnreachable();
     }
-    breakHeart(store, request.lsId);
+    breakHeartOfEarlierLife(store, request.lsId, membership.session);
     changeView(store, [&](DpcView &view) {
         const DpcClient *before = view.find(request.lsId);
         if (before == nullptr && view.clients.size() == kMaxDpcClients) {
@@ -186,8 +186,9 @@ std::set<std::pair<uint32_t, uint64_t>> livingProcesses(Store &store)
     std::set<std::pair<uint32_t, uint64_t>> living;
     for (const StoreItem &item : keys.items) {
         const Json key = Json::parse(item.value, nullptr, false);
-        const auto session = key.is_object() ? key.value("session", uint64_t{0}) : 0;
-        living.emplace(lsIdOf(item.key), session);
+        if (key.is_object() && key.contains("session") && key["session"].is_number_unsigned()) {
+            living.emplace(lsIdOf(item.key), key["session"].get<uint64_t>());
+        }
     }
     return living;
 }

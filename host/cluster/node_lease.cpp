@@ -12,6 +12,13 @@ namespace {
 
 using Json = nlohmann::json;
 
+// What stands under the node's key and the master's. A name may be any bytes.
+std::string ownText(const NodeLeaseSettings &settings, StoreLease lease)
+{
+    const Json json{{"ls", settings.node}, {"name", settings.name}, {"lease", std::to_string(lease)}};
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 // Of the text under the master's key; nothing when it is none.
 std::optional<uint32_t> masterOf(const std::string &text)
 {
@@ -67,8 +74,8 @@ bool NodeLease::announce()
     if (announced_) {
         return true;
     }
-    const Json value{{"ls", settings_.node}, {"name", settings_.name}, {"lease", std::to_string(lease_)}};
-    const StoreWrite made = createSettled(store_, kNodePrefix + std::to_string(settings_.node), value.dump(), lease_);
+    const std::string key = kNodePrefix + std::to_string(settings_.node);
+    const StoreWrite made = createSettled(store_, key, ownText(settings_, lease_), lease_);
     if (made.result == StoreResult::exists && !strangerLogged_) {
         HOST_LOG(NASCTRL_LOG_ERROR, "cluster: a node %u is there already; waiting for its lease to end",
                  settings_.node);
@@ -94,8 +101,7 @@ bool NodeLease::elect()
         believe(own || master != settings_.node ? master : std::nullopt, own ? std::min(end, leaseEnd_) : end);
         return true;
     }
-    const Json value{{"ls", settings_.node}, {"name", settings_.name}, {"lease", std::to_string(lease_)}};
-    const StoreWrite made = createSettled(store_, kMasterKey, value.dump(), lease_);
+    const StoreWrite made = createSettled(store_, kMasterKey, ownText(settings_, lease_), lease_);
     if (made.result == StoreResult::done) {
         believe(settings_.node, leaseEnd_);
     }

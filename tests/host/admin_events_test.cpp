@@ -121,8 +121,8 @@ TEST_F(AdminEvents, AreRefusedToAQueryThatIsNotOne)
         {"GET", "/v1/events?afer=1", "", 400, "afer: is not part of this call's query"},
         {"GET", "/v1/events?&", "", 400, ": is not part of this call's query"},
         {"POST", "/v1/events?after=1", "", 405, "this path answers to GET only"},
-        {"GET", "/v1/events/5", "", 404, "there is no such call"},
-        {"GET", "/v1/locks?after=1", "", 404, "there is no such call"},
+        {"GET", "/v1/events/5", "", 404, "there is no such call in this version"},
+        {"GET", "/v1/locks?after=1", "", 404, "there is no such call in this version"},
     };
     for (const BadCall &row : rows) {
         expectRefused(row);

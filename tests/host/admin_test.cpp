@@ -434,7 +434,9 @@ TEST_F(AdminDoor, StatusShowsTheNodeAtAGlance)
                   R"("modules":[{"slot":0,"name":"nfs","protocol_types":[1,3],"port":2000,"listening":2,"failing":0},)"
                   R"({"slot":4,"name":"smb","protocol_types":[2],"port":2004,"listening":0,"failing":1}],)"
                   R"("messages":{"connections":1,"accepted":2,"messages":3,"replies":4,"malformed":5,"undelivered":6},)"
-                  R"("memory":{"blocks":3,"bytes":150},"busy":[]})");
+                  R"("memory":{"blocks":3,"bytes":150},)"
+                  R"("cluster":{"store":null,"connected":false,"master":null,"view_version":null,"clients":0},)"
+                  R"("busy":[]})");
 }
 
 TEST_F(AdminDoor, AnAddressShowsHowItStandsWithEveryModuleThatServesItsType)

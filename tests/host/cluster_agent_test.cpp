@@ -24,56 +24,58 @@ private:
     std::string path_ = "/tmp/nasctrl-cm.XXXXXX";
 };
 
-// A store that can be cut off from one node.
+// A store that can be cut off from one node, or be taken for another.
 class CuttableStore : public host::Store {
 public:
-    explicit CuttableStore(host::Store &inner) : inner_(inner) {}
+    explicit CuttableStore(host::Store &inner) : inner_(&inner) {}
     std::atomic<bool> cut = false;
-    std::atomic<int> dropped = 0; // changes that the watch did not bring
+    host::StoreCallback tell; // the callback of the last watch
+
+    // From then on it is another store.
+    void become(host::Store &other) { inner_ = &other; }
 
     host::StoreWrite create(const std::string &key, const std::string &value, host::StoreLease lease) override
     {
-        return cut ? host::StoreWrite{} : inner_.create(key, value, lease);
+        return cut ? host::StoreWrite{} : inner_->create(key, value, lease);
     }
-    host::StoreRead read(const std::string &key) override { return cut ? host::StoreRead{} : inner_.read(key); }
+    host::StoreRead read(const std::string &key) override { return cut ? host::StoreRead{} : inner_->read(key); }
     host::StoreRead readBack(const std::string &key, uint64_t version) override
     {
-        return cut ? host::StoreRead{} : inner_.readBack(key, version);
+        return cut ? host::StoreRead{} : inner_->readBack(key, version);
     }
     host::StoreWrite write(const std::string &key, const std::string &value, uint64_t version,
                            host::StoreLease lease) override
     {
-        return cut ? host::StoreWrite{} : inner_.write(key, value, version, lease);
+        return cut ? host::StoreWrite{} : inner_->write(key, value, version, lease);
     }
     host::StoreWrite remove(const std::string &key, uint64_t version) override
     {
-        return cut ? host::StoreWrite{} : inner_.remove(key, version);
+        return cut ? host::StoreWrite{} : inner_->remove(key, version);
     }
-    host::StoreList list(const std::string &prefix) override { return cut ? host::StoreList{} : inner_.list(prefix); }
-    host::StoreGrant grant(std::chrono::seconds ttl) override { return cut ? host::StoreGrant{} : inner_.grant(ttl); }
+    host::StoreList list(const std::string &prefix) override { return cut ? host::StoreList{} : inner_->list(prefix); }
+    host::StoreGrant grant(std::chrono::seconds ttl) override { return cut ? host::StoreGrant{} : inner_->grant(ttl); }
     host::StoreGrant keepAlive(host::StoreLease lease) override
     {
-        return cut ? host::StoreGrant{} : inner_.keepAlive(lease);
+        return cut ? host::StoreGrant{} : inner_->keepAlive(lease);
     }
     host::StoreResult revoke(host::StoreLease lease) override
     {
-        return cut ? host::StoreResult::unknown : inner_.revoke(lease);
+        return cut ? host::StoreResult::unknown : inner_->revoke(lease);
     }
     std::unique_ptr<host::StoreWatch> watch(const std::string &prefix, uint64_t revision,
                                             host::StoreCallback callback) override
     {
-        return inner_.watch(prefix, revision, [this, callback](const host::StoreEvent &event) {
-            if (cut) {
-                ++dropped;
-            } else {
+        tell = callback;
+        return inner_->watch(prefix, revision, [this, callback](const host::StoreEvent &event) {
+            if (!cut) {
                 callback(event);
             }
         });
     }
-    host::StoreStatus status() const override { return inner_.status(); }
+    host::StoreStatus status() const override { return inner_->status(); }
 
 private:
-    host::Store &inner_;
+    host::Store *inner_;
 };
 
 std::string shown(const host::DpcView &view)
@@ -89,8 +91,8 @@ std::string shown(const host::DpcView &view)
 // A node: what it tells its library becomes lines. It connects at once, on the thread of its rounds.
 class Node : host::AgentListener {
 public:
-    Node(host::Store &shared, uint32_t id, const host::SteadyClock &clock)
-        : store(shared), agent(store, {id, "node-" + std::to_string(id), 5s}, clock, *this)
+    Node(host::Store &shared, uint32_t id, const host::SteadyClock &clock, const std::string &name = "node")
+        : store(shared), agent(store, {id, name, 5s}, clock, *this)
     {
     }
 
@@ -255,19 +257,31 @@ TEST_F(Cluster, BreaksTheHeartsOfThoseWhoseLeaseEndedAndOfNoOther)
     EXPECT_EQ(host::readView(*store)->version, version);
 }
 
-TEST_F(Cluster, BreaksTheHeartOfAClientThatReturnsBeforeTheMasterSawItGo)
+TEST_F(Cluster, BreaksTheHeartOfAnEarlierLifeBeforeAClientReturns)
 {
-    Node node(*store, 1, clock);
-    node.agent.round();
-    join(7, 3s);
+    const uint64_t first = join(7).session;
     now += 3001;
 
-    join(7, 60s);
+    join(7);
 
-    ASSERT_TRUE(node.roundsUntil("changed [7-3] [7+]"));
-    EXPECT_THAT(node.told, ElementsAre("connected", "first []", "master 1", "changed [] [7+]", "changed [7+] [7-3]",
-                                       "changed [7-3] [7+]"));
-    EXPECT_EQ(host::readView(*store)->clients[0].faults, 1U);
+    const host::DpcView stored = host::readView(*store).value();
+    EXPECT_EQ(shown(stored), "[7+]");
+    EXPECT_EQ(stored.version, 3U);
+    EXPECT_EQ(stored.clients[0].faults, 1U);
+    EXPECT_EQ(stored.clients[0].faultReason, host::kHeartBreak);
+    EXPECT_GT(stored.clients[0].session, first);
+}
+
+TEST_F(Cluster, TakesAKeyThatIsNoClientsForNone)
+{
+    join(7);
+    for (const char *text : {"", "{}", "[7]", R"({"session": "x"})", R"({"session": -1})"}) {
+        store->remove(host::kClientPrefix + "8");
+        ASSERT_EQ(store->create(host::kClientPrefix + "8", text).result, host::StoreResult::done);
+
+        EXPECT_EQ(host::breakHearts(*store), 0U) << text;
+    }
+    EXPECT_EQ(view(), "[7+]");
 }
 
 TEST_F(Cluster, SaysThatItsStoreDoesNotAnswer)
@@ -422,41 +436,6 @@ TEST_F(Cluster, LetsAnotherNodeTakeOverFromOneThatIsCutOff)
     EXPECT_EQ(*first.agent.known(), *host::readView(*store));
 }
 
-TEST_F(Cluster, TellsOfVersionsThatItsWatchDidNotBringAsMissed)
-{
-    Node node(*store, 1, clock);
-    node.agent.round();
-    join(7);
-    ASSERT_TRUE(node.roundsUntil("changed [] [7+]"));
-    node.store.cut = true; // not for so long that its lease would end
-    host::failClient(*store, 7, host::kProcessFault, true);
-    join(7);
-    while (node.store.dropped < 4) { // its key and the view, twice
-        std::this_thread::sleep_for(1ms);
-    }
-    node.store.cut = false;
-    join(8);
-
-    EXPECT_TRUE(node.roundsUntil("missed [7+] [7+ 8+]"));
-}
-
-TEST_F(Cluster, DoesNotGoBackToAViewThatWasReadBeforeTheKnownOne)
-{
-    join(7);
-    Node node(*store, 1, clock);
-    node.agent.round();
-    ASSERT_EQ(node.agent.fetchView(), host::StoreResult::done);
-    join(8);
-    ASSERT_TRUE(node.roundsUntil("changed [7+] [7+ 8+]"));
-
-    node.agent.followFetched();
-    join(9);
-
-    ASSERT_TRUE(node.roundsUntil("changed [7+ 8+] [7+ 8+ 9+]"));
-    EXPECT_THAT(node.told, ElementsAre("connected", "first [7+]", "master 1", "changed [7+] [7+ 8+]",
-                                       "changed [7+ 8+] [7+ 8+ 9+]"));
-}
-
 TEST_F(Cluster, WaitsForTheLeaseOfAnEarlierLifeOfANode)
 {
     {
@@ -499,6 +478,126 @@ TEST_F(Cluster, HandsCommandsOn)
     store->create(host::kCommandKey, R"({"type": 12})");
 
     EXPECT_TRUE(node.roundsUntil("command 12"));
+}
+
+TEST_F(Cluster, LeavesACommandThatIsNoneAlone)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+
+    store->create(host::kCommandKey, R"({"type": "x"})");
+    store->write(host::kCommandKey, "none", 1);
+    store->write(host::kCommandKey, R"({"type": 3})", 2);
+
+    EXPECT_TRUE(node.roundsUntil("command 3"));
+    const std::string line = "3 cluster: what is stored as a command is not one";
+    EXPECT_THAT(recorded::lines(), ElementsAre(line, line));
+}
+
+TEST_F(Cluster, TakesAnyBytesForANodesName)
+{
+    Node node(*store, 1, clock, "caf\xe9");
+
+    node.agent.round();
+
+    EXPECT_TRUE(node.agent.isMaster());
+}
+
+TEST_F(Cluster, LosesNoCommandWhenItReadsTheViewAnew)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+    store->create(host::kCommandKey, R"({"type": 5})");
+
+    node.agent.fetchView();
+    node.agent.followFetched();
+
+    EXPECT_TRUE(node.roundsUntil("command 5"));
+    EXPECT_EQ(std::ranges::count(node.told, "command 5"), 1);
+}
+
+TEST_F(Cluster, TellsLaterOfWhatChangedWhileItReadTheView)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+    node.agent.fetchView();
+    join(7);
+    store->create(host::kCommandKey, R"({"type": 5})");
+    ASSERT_TRUE(node.roundsUntil("command 5")); // the watch is past the join
+
+    node.agent.followFetched();
+
+    EXPECT_EQ(node.told.back(), "changed [] [7+]");
+    EXPECT_EQ(*node.agent.known(), *host::readView(*store));
+}
+
+TEST_F(Cluster, FollowsOnlyTheLastOfTwoThatReadTheViewAtOnce)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+    join(7);
+    node.agent.fetchView();
+    join(8);
+    node.agent.fetchView();
+
+    node.agent.followFetched();
+    node.agent.followFetched();
+
+    EXPECT_EQ(node.told.back(), "missed [] [7+ 8+]");
+    store->create(host::kCommandKey, R"({"type": 5})");
+    ASSERT_TRUE(node.roundsUntil("command 5"));
+    EXPECT_EQ(std::ranges::count_if(node.told, [](const std::string &line) { return line.starts_with("changed"); }), 0);
+}
+
+TEST_F(Cluster, ReadsTheViewAnewWhenItsWatchLostChanges)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+    node.told.clear();
+    join(7);
+
+    host::StoreEvent lost;
+    lost.kind = host::StoreEvent::Kind::lost;
+    node.store.tell(lost);
+
+    EXPECT_TRUE(node.roundsUntil("connected"));
+    EXPECT_EQ(*node.agent.known(), *host::readView(*store));
+    join(8);
+    EXPECT_TRUE(node.roundsUntil("changed [7+] [7+ 8+]"));
+}
+
+TEST_F(Cluster, CountsWhatIsBetweenTwoVersionsAsMissed)
+{
+    Node node(*store, 1, clock);
+    node.agent.round();
+    host::DpcView later{5, "w", {}};
+    later.put({7, 1, host::kRunning, host::kNoFault, 0, 1, {}});
+
+    store->create(host::kViewKey, host::toText(later));
+
+    EXPECT_TRUE(node.roundsUntil("missed [] [7+]"));
+}
+
+TEST_F(Cluster, FollowsAStoreThatWasPutBackToAnEarlierState)
+{
+    host::StoreSettings settings;
+    settings.file = dir.file("earlier.db");
+    settings.clock = clock;
+    const auto earlier = host::openStore(settings);
+    host::joinClient(*earlier, {9, 1, 3s, {}});
+    Node node(*store, 1, clock);
+    node.agent.round();
+    join(7);
+    join(8);
+    ASSERT_TRUE(node.roundsUntil("changed [7+] [7+ 8+]"));
+    node.store.become(*earlier);
+
+    node.agent.fetchView();
+    node.agent.followFetched();
+    host::joinClient(*earlier, {10, 1, 3s, {}});
+
+    EXPECT_TRUE(node.roundsUntil("changed [9+] [9+ 10+]"));
+    EXPECT_EQ(std::ranges::count(node.told, "missed [7+ 8+] [9+]"), 1);
 }
 
 TEST_F(Cluster, LeavesAStoredViewThatIsNoneAlone)

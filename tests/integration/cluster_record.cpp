@@ -109,20 +109,18 @@ void ClusterRecord::checkViews() const
     }
 }
 
-// A change that was seen as it happened.
-void ClusterRecord::expectClient(Told &told, uint32_t lsId, const Client *before, const Client &client, bool first)
+// In the first view, or in the one that follows the view before.
+void ClusterRecord::expectClient(Told &told, uint32_t lsId, const Client *before, const Client &client)
 {
     auto &lines = told.lines[lsId];
-    if (before == nullptr) {
-        lines.emplace_back("CM JOINED");
-    }
-    if (client.faulty && (first || (before != nullptr && !before->faulty))) {
-        if (!first) {
-            lines.emplace_back("CM HEART_BREAK");
-        }
+    const bool wasFaulty = before != nullptr && before->faulty;
+    if (client.faulty && !wasFaulty) {
+        lines.emplace_back("CM HEART_BREAK");
         tellBoth(lines, "NODE_FAULT");
         ++told.releases[lsId];
-    } else if (before != nullptr && before->faulty && !client.faulty) {
+    } else if (before == nullptr) {
+        lines.emplace_back("CM JOINED");
+    } else if (wasFaulty && !client.faulty) {
         lines.emplace_back("CM RETURNED");
         tellBoth(lines, "NODE_RECOVER");
     }
@@ -131,18 +129,23 @@ void ClusterRecord::expectClient(Told &told, uint32_t lsId, const Client *before
 // What happened between two views of which the node saw nothing else: of several faults it is told once.
 void ClusterRecord::expectMissed(Told &told, uint32_t lsId, const Client *before, const Client &client)
 {
-    auto &lines = told.lines[lsId];
     if (before == nullptr) {
-        lines.emplace_back("CM JOINED");
-    } else if (before->faulty != client.faulty) {
-        lines.emplace_back(client.faulty ? "CM HEART_BREAK" : "CM RETURNED");
+        expectClient(told, lsId, before, client);
+        return;
     }
-    const bool failed = before == nullptr ? client.faulty : before->faults != client.faults;
+    auto &lines = told.lines[lsId];
+    const bool failed = before->faults != client.faults;
+    if (failed && !before->faulty) {
+        lines.emplace_back("CM HEART_BREAK");
+    }
+    if (!client.faulty && (failed || before->faulty)) {
+        lines.emplace_back("CM RETURNED");
+    }
     if (failed) {
         tellBoth(lines, "NODE_FAULT");
         ++told.releases[lsId];
     }
-    if (!client.faulty && (failed || (before != nullptr && before->faulty))) {
+    if (!client.faulty && (failed || before->faulty)) {
         tellBoth(lines, "NODE_RECOVER");
     }
 }
@@ -152,15 +155,11 @@ ClusterRecord::Told ClusterRecord::expected(const Chapter &chapter) const
     Told told;
     const View none;
     const View &was = chapter.was ? views_.at(*chapter.was) : none;
-    const bool seen = chapter.was && chapter.now == *chapter.was + 1;
+    const bool missed = chapter.was && chapter.now != *chapter.was + 1;
     for (const auto &[lsId, client] : views_.at(chapter.now)) {
         const auto found = was.find(lsId);
         const Client *before = found == was.end() ? nullptr : &found->second;
-        if (seen || !chapter.was) {
-            expectClient(told, lsId, before, client, !chapter.was);
-        } else {
-            expectMissed(told, lsId, before, client);
-        }
+        (missed ? expectMissed : expectClient)(told, lsId, before, client);
     }
     std::erase_if(told.lines, [](const auto &each) { return each.second.empty(); });
     return told;

@@ -63,7 +63,7 @@ private:
     };
 
     Told expected(const Chapter &chapter) const;
-    static void expectClient(Told &told, uint32_t lsId, const Client *before, const Client &client, bool first);
+    static void expectClient(Told &told, uint32_t lsId, const Client *before, const Client &client);
     static void expectMissed(Told &told, uint32_t lsId, const Client *before, const Client &client);
     std::vector<Chapter> chapters(const NodeLife &life) const;
     void checkReleases(const NodeLife &life) const;
