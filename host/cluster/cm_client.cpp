@@ -103,6 +103,13 @@ void reportStates(const DpcView &was, const DpcView &now)
     }
 }
 
+// The version first, then what it brought.
+void recordView(const DpcView &was, const DpcView &now)
+{
+    recordEvent({kModule, "VIEW", now.version, std::to_string(now.clients.size()) + " clients"});
+    recordChanges(was, now);
+}
+
 // The library's own view of the clients.
 void publish(const DpcView &view)
 {
@@ -145,14 +152,14 @@ public:
     void firstView(const DpcView &now) override
     {
         publish(now);
-        recordChanges({}, now);
+        recordView({}, now);
         reportStates({}, now);
         tellFirstView(now);
     }
     void changed(const DpcView &was, const DpcView &now) override
     {
         publish(now);
-        recordChanges(was, now);
+        recordView(was, now);
         reportStates(was, now);
         tellChange(was, now);
         reportWhenEmpty(was, now);
@@ -160,7 +167,7 @@ public:
     void missed(const DpcView &was, const DpcView &now) override
     {
         publish(now);
-        recordChanges(was, now);
+        recordView(was, now);
         reportStates(was, now);
         tellMissedChanges(was, now);
         reportWhenEmpty(was, now);

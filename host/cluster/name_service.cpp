@@ -1,5 +1,6 @@
 #include "cluster/name_service.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <random>
@@ -10,6 +11,7 @@ namespace {
 
 constexpr size_t kStampSize = 2 * sizeof(uint64_t);
 constexpr size_t kMaxWaitingReads = 1024;
+constexpr size_t kMaxOpenWrites = 64; // the oldest is forgotten
 
 uint64_t randomWriter()
 {
@@ -116,11 +118,69 @@ int32_t NameService::create(const std::string &key, std::string_view value)
 
 int32_t NameService::set(const std::string &key, std::string_view value, uint64_t version, ns_state_t &state)
 {
-    const StoreWrite made = writeSettled(*store_, key, stamped(value), version);
+    if (auto earlier = takeOpen(key, value)) {
+        return finishEarlier(std::move(*earlier), version, state);
+    }
+    return finish({key, std::string(value), stamped(value), version}, state);
+}
+
+std::optional<NameService::OpenWrite> NameService::takeOpen(const std::string &key, std::string_view value)
+{
+    const std::scoped_lock lock(mutex_);
+    const auto found =
+        std::ranges::find_if(open_, [&](const OpenWrite &write) { return write.key == key && write.value == value; });
+    if (found == open_.end()) {
+        return std::nullopt;
+    }
+    OpenWrite taken = std::move(*found);
+    open_.erase(found);
+    return taken;
+}
+
+void NameService::keepOpen(OpenWrite write)
+{
+    const std::scoped_lock lock(mutex_);
+    if (open_.size() == kMaxOpenWrites) {
+        open_.pop_front();
+    }
+    open_.push_back(std::move(write));
+}
+
+int32_t NameService::finish(OpenWrite write, ns_state_t &state)
+{
+    const StoreWrite made = writeSettled(*store_, write.key, write.stored, write.version);
     if (made.result == StoreResult::done) {
         state = {made.revision, 0, made.version};
+    } else if (made.result == StoreResult::unknown) {
+        keepOpen(std::move(write));
     }
     return codeOf(made.result);
+}
+
+// What stands at the version that the earlier try was to make tells what became of it. When nothing does yet, only the
+// same write once more can do no harm; and when that is refused, the earlier one may be the reason.
+int32_t NameService::finishEarlier(OpenWrite write, uint64_t version, ns_state_t &state)
+{
+    const StoreRead found = store_->readBack(write.key, write.version + 1);
+    if (found.result == StoreResult::done && found.item.value == write.stored) {
+        state = {found.item.revision, 0, found.item.version};
+        return 0;
+    }
+    if (found.result == StoreResult::done) {
+        write.stored = stamped(write.value);
+        write.version = version;
+        return finish(std::move(write), state);
+    }
+    if (found.result == StoreResult::unknown || version != write.version) {
+        keepOpen(std::move(write));
+        return -ETIMEDOUT;
+    }
+    const OpenWrite again = write;
+    const int32_t code = finish(std::move(write), state);
+    if (code == -ESTALE || code == -ENOENT) {
+        keepOpen(again);
+    }
+    return code;
 }
 
 int32_t NameService::read(const std::string &key, ns_get_cb callback, void *context)

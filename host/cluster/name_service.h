@@ -5,6 +5,10 @@
  * has to open it, and handle 0 is the library's. The key holds the value and, behind it, 16 bytes that name the write,
  * so that a writer whose answer was lost knows its own value from an equal one of somebody else. The version of a name
  * is that of its key.
+ *
+ * A write whose fate the store does not tell is remembered. When the same value is to be written again, that is taken
+ * for the next try: the service first finds out what became of the earlier one, so that a value stands in the history
+ * once, however often its publication was tried.
  */
 #pragma once
 
@@ -52,15 +56,27 @@ private:
         ns_get_cb callback;
         void *context;
     };
+    // A write that may have been made, or may yet be.
+    struct OpenWrite {
+        std::string key;
+        std::string value; // without the stamp
+        std::string stored;
+        uint64_t version; // that it was to follow
+    };
     void run();
     void answer(const Read &read);
     std::string stamped(std::string_view value);
+    std::optional<OpenWrite> takeOpen(const std::string &key, std::string_view value);
+    void keepOpen(OpenWrite write);
+    int32_t finish(OpenWrite write, ns_state_t &state);
+    int32_t finishEarlier(OpenWrite write, uint64_t version, ns_state_t &state);
 
     const std::shared_ptr<Store> store_;
     const uint64_t writer_; // drawn at random: tells this service's writes from those of all others
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::deque<Read> reads_; // under mutex_, like the two that follow
+    std::deque<Read> reads_; // under mutex_, like the three that follow
+    std::deque<OpenWrite> open_;
     uint64_t writes_ = 0;
     bool stopping_ = false;
     std::thread thread_; // the last member, because it uses the others

@@ -149,6 +149,94 @@ TYPED_TEST(NameServiceSuite, AWriteThatIsLostWhileAnotherNodeWritesTheSameValueI
     EXPECT_EQ(names.set(kKey, "same", 1, state), -ESTALE);
 }
 
+// A writer to whom the store told nothing of its first try, and that tries again when it can.
+class Unsettled {
+public:
+    Unsettled(NameService &creator, const std::shared_ptr<LossyStore> &lossy) : names_(lossy), lossy_(lossy)
+    {
+        creator.create(kKey, "first");
+    }
+    void tryInVain(LossyStore::Loss loss)
+    {
+        lossy_->lose(loss);
+        lossy_->loseReads(true);
+        EXPECT_EQ(set(1), -ETIMEDOUT);
+        lossy_->loseReads(false);
+    }
+    int32_t set(uint64_t version) { return names_.set(kKey, "mine", version, state); }
+
+    ns_state_t state{};
+
+private:
+    NameService names_;
+    std::shared_ptr<LossyStore> lossy_;
+};
+
+std::vector<std::string> valuesOf(host::Store &store)
+{
+    std::vector<std::string> values;
+    for (uint64_t version = 1; version <= store.read(kKey).item.version; ++version) {
+        values.push_back(host::valueOfName(store.readBack(kKey, version).item.value).value_or("none"));
+    }
+    return values;
+}
+
+TYPED_TEST(NameServiceSuite, ATryThatWasMadeAfterAllIsNotMadeAgain)
+{
+    const auto lossy = std::make_shared<LossyStore>(*this->store_);
+    Unsettled writer(this->names_, lossy);
+    writer.tryInVain(LossyStore::Loss::answer);
+    ns_state_t theirs{};
+    ASSERT_EQ(this->names_.set(kKey, "theirs", 2, theirs), 0);
+
+    EXPECT_EQ(writer.set(3), 0);
+
+    EXPECT_EQ(writer.state.version, 2U);
+    EXPECT_EQ(writer.state.word0, this->store_->readBack(kKey, 2).item.revision);
+    EXPECT_THAT(valuesOf(*this->store_), ElementsAre("first", "mine", "theirs"));
+}
+
+TYPED_TEST(NameServiceSuite, ATryThatWasLostIsMadeAgain)
+{
+    const auto lossy = std::make_shared<LossyStore>(*this->store_);
+    Unsettled writer(this->names_, lossy);
+    writer.tryInVain(LossyStore::Loss::request);
+
+    EXPECT_EQ(writer.set(1), 0);
+
+    EXPECT_EQ(writer.state.version, 2U);
+    EXPECT_THAT(valuesOf(*this->store_), ElementsAre("first", "mine"));
+}
+
+TYPED_TEST(NameServiceSuite, ATryInWhosePlaceAnotherStandsIsMadeAgainBehindIt)
+{
+    const auto lossy = std::make_shared<LossyStore>(*this->store_);
+    Unsettled writer(this->names_, lossy);
+    writer.tryInVain(LossyStore::Loss::request);
+    ns_state_t theirs{};
+    ASSERT_EQ(this->names_.set(kKey, "theirs", 1, theirs), 0);
+
+    EXPECT_EQ(writer.set(2), 0);
+
+    EXPECT_THAT(valuesOf(*this->store_), ElementsAre("first", "theirs", "mine"));
+}
+
+TYPED_TEST(NameServiceSuite, ATryIsNotMadeAgainWhileTheStoreDoesNotTellWhatBecameOfIt)
+{
+    const auto lossy = std::make_shared<LossyStore>(*this->store_);
+    Unsettled writer(this->names_, lossy);
+    writer.tryInVain(LossyStore::Loss::answer);
+    const int changes = lossy->changes();
+    lossy->loseReads(true);
+    EXPECT_EQ(writer.set(2), -ETIMEDOUT);
+    EXPECT_EQ(writer.set(2), -ETIMEDOUT);
+    EXPECT_EQ(lossy->changes(), changes);
+    lossy->loseReads(false);
+
+    EXPECT_EQ(writer.set(2), 0);
+    EXPECT_THAT(valuesOf(*this->store_), ElementsAre("first", "mine"));
+}
+
 TYPED_TEST(NameServiceSuite, AStoreThatDoesNotTellIsATimeOutAndWorksAgainWhenItIsBack)
 {
     auto settings = this->backend_.settings();

@@ -65,17 +65,17 @@ TemporaryDirectory::~TemporaryDirectory()
     std::filesystem::remove_all(path_);
 }
 
-PrivateNetwork::PrivateNetwork()
+PrivateNetwork::PrivateNetwork(const PrivateNetwork *beside)
 {
     const Pipe in;
     const Pipe out;
-    holder_ = fork();
-    if (holder_ == 0) {
-        dup2(in.read, STDIN_FILENO);
-        dup2(out.write, STDOUT_FILENO);
-        execlp("unshare", "unshare", "-Urn", "sh", "-c", "ip link set lo up && echo up && read end", nullptr);
-        _exit(127);
+    std::vector<std::string> command = {"unshare", "-Urn"};
+    if (beside != nullptr) {
+        command = beside->prefix();
+        command.insert(command.end(), {"unshare", "-n"});
     }
+    command.insert(command.end(), {"sh", "-c", "ip link set lo up && echo up && read end"});
+    holder_ = spawn(command, {.in = in.read, .out = out.write});
     close(in.read);
     close(out.write);
     release_ = in.write;

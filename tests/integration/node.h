@@ -47,12 +47,15 @@ struct Module {
 // A network namespace of its own, with nothing but a loopback interface, that lives as long as the object.
 class PrivateNetwork {
 public:
-    PrivateNetwork();
+    // Beside another one it has the same owner, so that a cable may join the two.
+    explicit PrivateNetwork(const PrivateNetwork *beside = nullptr);
     ~PrivateNetwork();
     PrivateNetwork(const PrivateNetwork &) = delete;
     PrivateNetwork &operator=(const PrivateNetwork &) = delete;
     // False where the machine refuses one.
     bool exists() const { return exists_; }
+    // By its process it can be named to ip.
+    pid_t pid() const { return holder_; }
     // What a command is to begin with to run in it.
     std::vector<std::string> prefix() const;
     // Runs a command in it to its end.
