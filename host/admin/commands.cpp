@@ -7,25 +7,26 @@
 #include "admin/fields.h"
 #include "admin/vpc_table.h"
 #include "fmm/shard_table.h"
-#include "notify/notify.h"
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string_view>
 
 namespace host::admin {
 
 namespace {
 
+// The commands that take the lock of the FSP index, for which the library waits without end.
 constexpr const char *kFmmModule = "nas_fmm";
-constexpr const char *kFspMove = "modify_fsp_shardview";
+constexpr std::string_view kIndexCommands[] = {"modify_fsp_shardview", "set_node_fault", "failback_shard_view",
+                                               "show_fsp_shardview"};
 
-// The command queues jobs, the last of which frees the record of the move: none may end before all are queued. It would
-// wait for the index without end, and everybody who notifies with it.
-void holdNotices(std::optional<NotifyHold> &notices)
+void requireIndex(const std::string &module, const std::string &command)
 {
-    if (!canWriteFspIndex()) {
+    const bool needed = module == kFmmModule && std::ranges::find(kIndexCommands, command) != std::end(kIndexCommands);
+    if (needed && !canWriteFspIndex()) {
         throw CallError(kBusy, "the lock of the shard index is held");
     }
-    notices.emplace();
 }
 
 } // namespace
@@ -49,10 +50,7 @@ Json postCommand(const CallInput &input)
     if (module == kVpcModule) {
         vpcs.emplace();
     }
-    std::optional<NotifyHold> notices;
-    if (module == kFmmModule && command == kFspMove) {
-        holdNotices(notices);
-    }
+    requireIndex(module, command);
     const auto answer = runCommand(module, command, value);
     if (!answer) {
         throw CallError(kNotFound, "there is no such command of that module");

@@ -118,11 +118,7 @@ MoveReport moveFsp(uint32_t fsp, uint32_t to)
     if (target != nullptr && target->number != from && from < shards.size()) {
         expected = noticesOf(shards[from].lsId, to);
     }
-    MoveReport made = report(before, expected, [&] {
-        // The library frees the record of the move with the last job that tells of it, so none may end too early.
-        const NotifyHold hold;
-        return FspModifyShardView(fsp, to);
-    });
+    MoveReport made = report(before, expected, [&] { return FspModifyShardView(fsp, to); });
     made.emptyIndex = false;
     return made;
 }

@@ -169,19 +169,6 @@ TEST_F(Notifications, OfAMoveWithoutPayloadOrRecordsCarryNone)
     EXPECT_EQ(first().moveCount, 0U);
 }
 
-TEST_F(Notifications, WaitForWhoeverHoldsThemBackWhoMayTellHimself)
-{
-    std::jthread other;
-    {
-        const host::NotifyHold hold;
-        other = std::jthread([] { tell(kNotifyFmm, kNodeFault, 2); });
-        EXPECT_EQ(tell(kNotifyDlg, kNodeFault, 1), 0);
-        EXPECT_THAT(told(), ElementsAre("DLG NODE_FAULT 1"));
-    }
-    other.join();
-    EXPECT_THAT(told(), ElementsAre("DLG NODE_FAULT 1", "FMM NODE_FAULT 2"));
-}
-
 TEST_F(Notifications, ThatMemoryIsTooShortForAreRefusedAndLeaveTheRestAsItWas)
 {
     migration_record records[] = {{1, 2, 3, 4, {}}};
