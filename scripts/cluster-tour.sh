@@ -42,10 +42,11 @@ every() {
 }
 row() { table+=("$1|$2"); }
 
+# Below the ports that the kernel gives to those who connect.
 free_port() {
     local port
-    for port in $(shuf -i 20000-60000 -n 100); do
-        [ -n "$(ss -Hltn "sport = :$port")" ] || { echo "$port"; return; }
+    for port in $(shuf -i 10000-32000 -n 100); do
+        [ -n "$(ss -Htan "sport = :$port")" ] || { echo "$port"; return; }
     done
     fail "no free port"
 }
@@ -55,17 +56,24 @@ free_port() {
 etcd_answers() {
     (exec 3<>"/dev/tcp/127.0.0.1/$1" && printf 'GET /health HTTP/1.0\r\n\r\n' >&3 && grep -q '"true"' <&3) 2>/dev/null
 }
-start_etcd() {
-    local port peer
+# Starts it once; false when a port was taken meanwhile.
+try_etcd() {
     port=$(free_port)
     peer=$(free_port)
     store=http://127.0.0.1:$port
-    title "etcd starts, at $store"
     etcd --data-dir "$cluster/etcd" --listen-client-urls "$store" --advertise-client-urls "$store" \
         --listen-peer-urls "http://127.0.0.1:$peer" --initial-advertise-peer-urls "http://127.0.0.1:$peer" \
         --initial-cluster "default=http://127.0.0.1:$peer" >"$cluster/etcd.log" 2>&1 &
     etcd_pid=$!
-    eventually etcd_answers "$port" || fail "etcd does not answer; $cluster/etcd.log tells more"
+    eventually answers_or_ended "$port" || true
+    etcd_answers "$port" || { kill "$etcd_pid" 2>/dev/null; return 1; }
+}
+answers_or_ended() { etcd_answers "$1" || ! kill -0 "$etcd_pid" 2>/dev/null; }
+start_etcd() {
+    local port peer
+    title "etcd starts"
+    try_etcd || try_etcd || try_etcd || fail "etcd does not answer; $cluster/etcd.log tells more"
+    echo "its clients find it at $store"
 }
 
 start_node() {
@@ -195,21 +203,22 @@ publish_at_once() {
 
 # ---- the shards
 
-node_row() { at "$1" cmd -m nas_fmm -c get_node_info | awk -v ls="$2" '$2 == ls { print $4, $5 }'; }
-migrated() { [ "$(node_row "$1" 1)" = "FAULT 2" ]; }
-back_home() { [ "$(node_row "$1" 1)" = "NORMAL 0" ]; }
+# A node's LS for the file system part (FSP) of this tour.
+fsp_place() { at "$1" shard fsp "$fsp" | awk '$1 == "LS" { print $2 }'; }
+fsp_is_at() { [ "$(fsp_place "$1")" = "$2" ]; }
 migrate_shards() {
-    local n
-    title "Storage LS 1 fails: what it serves moves to LS 2 on every node, and back"
-    for n in "${nodes[@]}"; do
-        on "$n" shard fsp 5 --place
-        on "$n" shard migrate 1
-    done
-    eventually every migrated || fail "LS 2 did not take over from LS 1"
+    local n home next fsp=5
+    title "The storage LS of FSP $fsp fails: the FSP moves to the next one on every node, and back"
+    for n in "${nodes[@]}"; do on "$n" shard fsp "$fsp" --place; done
+    home=$(fsp_place 1)
+    next=$(at 1 shard fsp "$fsp" | awk '$1 == "next" { print $3 }')
+    every fsp_is_at "$home" || fail "the nodes place FSP $fsp differently"
+    for n in "${nodes[@]}"; do on "$n" shard migrate "$home"; done
+    every fsp_is_at "$next" || fail "FSP $fsp did not move to LS $next"
     on 1 shard ls
-    for n in "${nodes[@]}"; do on "$n" shard failback 1; done
-    eventually every back_home || fail "LS 1 did not take back what is its own"
-    row "storage LS 1 fails and returns" "its FSPs go to LS 2 and back on nodes ${nodes[*]}"
+    for n in "${nodes[@]}"; do on "$n" shard failback "$home"; done
+    every fsp_is_at "$home" || fail "FSP $fsp did not come back to LS $home"
+    row "storage LS $home fails and returns" "FSP $fsp goes to LS $next and back on nodes ${nodes[*]}"
 }
 
 # ---- a node
