@@ -23,12 +23,14 @@ struct Arguments {
     // Absent and empty differ: an empty directory is an error of a script, not a wish for the default.
     std::optional<std::string> root, adminSocket, messageSocket, timeout;
     std::optional<std::string> module, opcode, hex, command, value, level, logClass;
-    std::optional<std::string> period, time, address, id, fsId, tenantId, subnet, after, lsId;
+    std::optional<std::string> period, time, address, id, fsId, tenantId, subnet, after, lsId, to, steady, state;
     Words words;
     bool json = false;
     bool all = false;
     bool follow = false;
     bool shared = false;
+    bool place = false;
+    bool dryRun = false;
 };
 
 class Grammar {
@@ -53,6 +55,9 @@ private:
     void defineQuestions();
     void defineEvents();
     void defineLocks();
+    void defineShards();
+    void defineShardMoves(CLI::App *shard);
+    void defineFmm();
     void defineZone(CLI::App *hdfs, const std::string &name, const std::string &text);
 
     CLI::App *recognised() const;
@@ -108,6 +113,8 @@ Grammar::Grammar()
     defineQuestions();
     defineEvents();
     defineLocks();
+    defineShards();
+    defineFmm();
     app_.footer("Global options may also follow the command; nasctl COMMAND --help tells more of each.\n"
                 "Exit codes: 0 done, 1 failed, 2 the command line is wrong.");
 }
@@ -388,6 +395,70 @@ void Grammar::defineNames()
     CLI::App *parse = leaf(version, "parse", "The versions that a text such as [1],[3-5] stands for",
                            [this](const Session &session) { return parseVersions(session, *args_.value); });
     addText(parse, "TEXT", args_.value, "The text", "")->required();
+}
+
+void Grammar::defineShards()
+{
+    CLI::App *shard = family("shard", "The storage shards and the FSPs on them: ls, fsp, show, migrate, failback, "
+                                      "move-fsp, policy");
+    leaf(shard, "ls", "List the shards, the LS of each, and where the FSPs of a faulty one went", listShards);
+    CLI::App *fsp = leaf(shard, "fsp", "Where an FSP is",
+                         [this](const Session &session) { return showFsp(session, *args_.id, args_.place); });
+    addText(fsp, "FSP", args_.id, "Its id", "")->required();
+    fsp->add_flag("--place", args_.place, "Put it into the index, as its first look-up does")->disable_flag_override();
+    leaf(shard, "show", "List the index of FSPs", showShardIndex);
+    defineShardMoves(shard);
+    CLI::App *policy =
+        leaf(shard, "policy", "Show, or set, whether FSPs leave faulty LSs by themselves",
+             [this](const Session &session) { return shardPolicy(session, args_.state, args_.steady, args_.dryRun); });
+    addText(policy, "on|off", args_.state, "Switch it", "");
+    addText(policy, "--steady", args_.steady, "How long an LS runs before its FSPs go back, 1 to 86400 [60]",
+            "SECONDS");
+    policy->add_flag("--dry-run", args_.dryRun, "Show what would move and why, without moving")
+        ->disable_flag_override();
+}
+
+void Grammar::defineShardMoves(CLI::App *shard)
+{
+    CLI::App *migrate = leaf(shard, "migrate", "Move all FSPs of a faulty LS to another",
+                             [this](const Session &session) { return migrateShard(session, *args_.lsId, args_.to); });
+    addText(migrate, "LS", args_.lsId, "Its id", "")->required();
+    addText(migrate, "--to", args_.to, "Where to [the next LS]", "LS");
+    CLI::App *failback = leaf(shard, "failback", "Move the FSPs of an LS back from where they went",
+                              [this](const Session &session) { return failShardBack(session, *args_.lsId); });
+    addText(failback, "LS", args_.lsId, "Its id", "")->required();
+    CLI::App *move = leaf(shard, "move-fsp", "Move one FSP",
+                          [this](const Session &session) { return moveFsp(session, *args_.id, *args_.to); });
+    addText(move, "FSP", args_.id, "Its id", "")->required();
+    addText(move, "--to", args_.to, "Where to", "LS")->required();
+}
+
+constexpr PlainQuestion kFmmEvents[] = {
+    {"shard-change", "Shards changed owner: FMM is told"},
+    {"vnode-move-in", "A vnode moves in: DLG and then FMM are told"},
+    {"vnode-move-out", "A vnode moves out: DLG and then FMM are told"},
+};
+
+constexpr PlainQuestion kFmmLsEvents[] = {
+    {"node-fault", "The storage node of an LS failed: FMM is told, and the shard policy"},
+    {"node-recover", "It is back: FMM is told, its process reverted, and the shard policy told"},
+};
+
+void Grammar::defineFmm()
+{
+    CLI::App *fmm = family("fmm", "Events of the FMM side by hand: status, shard-change, node-fault, node-recover, "
+                                  "vnode-move-in, vnode-move-out");
+    leaf(fmm, "status", "What was announced, and the processes that are faulty", showFmm);
+    for (const PlainQuestion &row : kFmmEvents) {
+        leaf(fmm, row.name, row.text,
+             [&row](const Session &session) { return sendFmmEvent(session, row.name, std::nullopt); });
+    }
+    for (const PlainQuestion &row : kFmmLsEvents) {
+        CLI::App *command = leaf(fmm, row.name, row.text, [this, &row](const Session &session) {
+            return sendFmmEvent(session, row.name, args_.lsId);
+        });
+        addText(command, "LS", args_.lsId, "Its id", "")->required();
+    }
 }
 
 CLI::App *Grammar::recognised() const

@@ -6,6 +6,7 @@
 #include "start.h"
 #include "storage/embedded.h"
 
+#include <common/ready.h>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
@@ -51,14 +52,9 @@ void tellReady(const host::NodeOptions &options)
 {
     const std::string line = "nasctrld: node " + std::to_string(options.nodeId) + " is ready (admin " +
                              options.adminSocket + ", messages " + options.messages.socketPath + ")\n";
-    std::cout << line << std::flush;
-    if (!options.readyFd) {
-        return;
+    for (const std::string &failure : common::tellReady(line, options.readyFd)) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "start: %s", failure.c_str());
     }
-    if (write(*options.readyFd, line.data(), line.size()) < 0) {
-        HOST_LOG(NASCTRL_LOG_ERROR, "start: --ready-fd %d cannot be written", *options.readyFd);
-    }
-    close(*options.readyFd);
 }
 
 // Runs the node and does not come back: the library's threads live as long as the process, so it ends without the

@@ -7,6 +7,7 @@
 #include "cluster/cm_client.h"
 #include "cluster/name_service.h"
 #include "config/ini_file.h"
+#include "fmm/policy_runner.h"
 #include "node.h"
 #include "power.h"
 #include "storage/embedded.h"
@@ -182,6 +183,7 @@ constexpr Step kSteps[] = {
     {"nas_ctrl_power_on", [](const NodeOptions &) { return nas_ctrl_power_on(nullptr, nullptr); },
      [] { nas_ctrl_power_off(nullptr, nullptr); }},
     {"NasCloudAdaptInit", startCloudAdapter},
+    {"shard policy", [](const NodeOptions &) { return done(startShardPolicy); }, stopShardPolicy},
     {"admin server",
      [](const NodeOptions &o) {
          startAdminServer(o.adminSocket);

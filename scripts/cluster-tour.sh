@@ -196,20 +196,20 @@ publish_at_once() {
 # ---- the shards
 
 node_row() { at "$1" cmd -m nas_fmm -c get_node_info | awk -v ls="$2" '$2 == ls { print $4, $5 }'; }
-migrated() { [ "$(node_row "$1" 2)" = "FAULT 3" ]; }
-back_home() { [ "$(node_row "$1" 2)" = "NORMAL 0" ]; }
+migrated() { [ "$(node_row "$1" 1)" = "FAULT 2" ]; }
+back_home() { [ "$(node_row "$1" 1)" = "NORMAL 0" ]; }
 migrate_shards() {
     local n
-    title "Storage LS 2 fails: its shards move to LS 3 on every node, and back"
+    title "Storage LS 1 fails: what it serves moves to LS 2 on every node, and back"
     for n in "${nodes[@]}"; do
-        on "$n" cmd -m nas_fmm -c modify_fsp_shardview -v 5
-        on "$n" cmd -m nas_fmm -c set_node_fault -v 2
+        on "$n" shard fsp 5 --place
+        on "$n" shard migrate 1
     done
-    eventually every migrated || fail "the shards of LS 2 did not move to LS 3"
-    on 1 cmd -m nas_fmm -c get_node_info
-    for n in "${nodes[@]}"; do on "$n" cmd -m nas_fmm -c failback_shard_view -v 2; done
-    eventually every back_home || fail "the shards of LS 2 did not come back"
-    row "storage LS 2 fails and returns" "its shards go to LS 3 and back on nodes ${nodes[*]}"
+    eventually every migrated || fail "LS 2 did not take over from LS 1"
+    on 1 shard ls
+    for n in "${nodes[@]}"; do on "$n" shard failback 1; done
+    eventually every back_home || fail "LS 1 did not take back what is its own"
+    row "storage LS 1 fails and returns" "its FSPs go to LS 2 and back on nodes ${nodes[*]}"
 }
 
 # ---- a node

@@ -4,10 +4,10 @@
 #include "options.h"
 #include "service.h"
 
+#include <common/ready.h>
 #include <csignal>
 #include <filesystem>
 #include <iostream>
-#include <unistd.h>
 
 namespace {
 
@@ -29,14 +29,9 @@ void tellReady(const storage::Options &options)
     const std::string line = "nasstored: listens on " + options.service.socketPath + " (data " +
                              (options.service.dataFile.empty() ? std::string("none") : options.service.dataFile) +
                              ")\n";
-    std::cout << line << std::flush;
-    if (!options.readyFd) {
-        return;
+    for (const std::string &failure : common::tellReady(line, options.readyFd)) {
+        STORAGE_LOG(NASCTRL_LOG_ERROR, "%s", failure.c_str());
     }
-    if (write(*options.readyFd, line.data(), line.size()) < 0) {
-        STORAGE_LOG(NASCTRL_LOG_ERROR, "--ready-fd %d cannot be written", *options.readyFd);
-    }
-    close(*options.readyFd);
 }
 
 // Until a signal to stop; a second one has its default effect and ends the process at once.

@@ -61,6 +61,22 @@ int takeLock(const Session &session, const std::string &lsId, const Words &range
 // Everything that the LS holds when there is no range.
 int releaseLocks(const Session &session, const std::string &lsId, const Words &range);
 
+int listShards(const Session &session);
+int showShardIndex(const Session &session);
+// Where an FSP is; with place, it gets into the index if it is not there yet.
+int showFsp(const Session &session, const std::string &fsp, bool place);
+// To the next LS when there is no to.
+int migrateShard(const Session &session, const std::string &ls, const std::optional<std::string> &to);
+int failShardBack(const Session &session, const std::string &ls);
+int moveFsp(const Session &session, const std::string &fsp, const std::string &to);
+// After setting what is given: state is on or off.
+int shardPolicy(const Session &session, const std::optional<std::string> &state,
+                const std::optional<std::string> &steady, bool dryRun);
+
+int showFmm(const Session &session);
+// event: as docs/admin-api.md names it.
+int sendFmmEvent(const Session &session, const std::string &event, const std::optional<std::string> &ls);
+
 int showPower(const Session &session);
 int switchPower(const Session &session, const std::string &action);
 

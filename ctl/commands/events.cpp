@@ -3,6 +3,7 @@
  */
 #include "admin_client.h"
 #include "commands/commands.h"
+#include "commands/told.h"
 #include "failure.h"
 #include "parse.h"
 #include "view.h"
@@ -61,32 +62,14 @@ std::string timeText(int64_t timeMs)
     return std::string(text.data()) + fraction.data();
 }
 
-// "; FSP 5 to shard 7, LS 1 to 2"
-std::string moveText(const json &move)
-{
-    return "; FSP " + shown(move.at("fsp")).text + " to shard " + shown(move.at("shard")).text + ", LS " +
-           shown(move.at("from")).text + " to " + shown(move.at("to")).text;
-}
-
-std::string movesText(const json &event)
-{
-    const auto count = event.at("move_count").get<uint64_t>();
-    if (count == 0) {
-        return "";
-    }
-    std::string text = "  " + std::to_string(count) + " moved";
-    for (const json &move : event.at("moves")) {
-        text += moveText(move);
-    }
-    return text + (event.at("moves").size() < count ? "; ..." : "");
-}
-
 std::string lineOf(const json &event)
 {
     const auto text = event.at("text").get<std::string>();
+    const std::string moves = movesText(event);
     return printable(shown(event.at("number")).text + "  " + timeText(event.at("time_ms").get<int64_t>()) + "  " +
                      event.at("module").get<std::string>() + " " + event.at("event").get<std::string>() + " " +
-                     event.at("data").get<std::string>() + (text.empty() ? "" : "  " + text) + movesText(event)) +
+                     event.at("data").get<std::string>() + (text.empty() ? "" : "  " + text) +
+                     (moves.empty() ? "" : "  " + moves)) +
            "\n";
 }
 

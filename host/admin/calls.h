@@ -72,6 +72,15 @@ Json postName(const CallInput &input);
 Json readName(const CallInput &input);
 Json publishName(const CallInput &input);
 Json parseVersions(const CallInput &input);
+Json getShards(const CallInput &input);
+Json getShardIndex(const CallInput &input);
+Json getFspPlacement(const CallInput &input);
+Json postFsp(const CallInput &input);
+Json postMigration(const CallInput &input);
+Json postFailback(const CallInput &input);
+Json postFspMove(const CallInput &input);
+Json getShardPolicy(const CallInput &input);
+Json putShardPolicy(const CallInput &input);
 
 // What the node counts, as Prometheus text.
 std::string metricsText();

@@ -6,10 +6,29 @@
 #include "admin/calls.h"
 #include "admin/fields.h"
 #include "admin/vpc_table.h"
+#include "fmm/shard_table.h"
+#include "notify/notify.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 
 namespace host::admin {
+
+namespace {
+
+constexpr const char *kFmmModule = "nas_fmm";
+constexpr const char *kFspMove = "modify_fsp_shardview";
+
+// The command queues jobs, the last of which frees the record of the move: none may end before all are queued. It would
+// wait for the index without end, and everybody who notifies with it.
+void holdNotices(std::optional<NotifyHold> &notices)
+{
+    if (!canWriteFspIndex()) {
+        throw CallError(kBusy, "the lock of the shard index is held");
+    }
+    notices.emplace();
+}
+
+} // namespace
 
 Json getCommands(const CallInput & /*input*/)
 {
@@ -29,6 +48,10 @@ Json postCommand(const CallInput &input)
     std::optional<VpcHold> vpcs;
     if (module == kVpcModule) {
         vpcs.emplace();
+    }
+    std::optional<NotifyHold> notices;
+    if (module == kFmmModule && command == kFspMove) {
+        holdNotices(notices);
     }
     const auto answer = runCommand(module, command, value);
     if (!answer) {

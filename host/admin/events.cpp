@@ -4,6 +4,7 @@
 #include "notify/events.h"
 
 #include "admin/calls.h"
+#include "admin/event_row.h"
 #include "admin/query.h"
 #include <nlohmann/json.hpp>
 
@@ -14,7 +15,9 @@ namespace {
 constexpr uint64_t kMaxPage = 1000;
 constexpr uint64_t kMaxWaitMs = 30000;
 
-Json rowOf(const Event &event)
+} // namespace
+
+Json eventRow(const Event &event)
 {
     const EventDetails &details = event.details;
     const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(event.time.time_since_epoch());
@@ -32,7 +35,20 @@ Json rowOf(const Event &event)
             {"move_count", details.moveCount}};
 }
 
-} // namespace
+Json tellingRows(const TellingOutcome &outcome)
+{
+    Json told = Json::array();
+    for (const Told &each : outcome.told) {
+        Json row = eventRow(*each.event);
+        row["after_us"] = each.after.count();
+        told.push_back(std::move(row));
+    }
+    Json untold = Json::array();
+    for (const Expected &each : outcome.untold) {
+        untold.push_back({{"module", each.module}, {"event", each.name}, {"data", std::to_string(each.data)}});
+    }
+    return {{"told", std::move(told)}, {"untold", std::move(untold)}};
+}
 
 Json getEvents(const CallInput &input)
 {
@@ -41,7 +57,7 @@ Json getEvents(const CallInput &input)
     const EventPage page = readEvents(query["after"], query["limit"], std::chrono::milliseconds(query["wait"]));
     Json rows = Json::array();
     for (const auto &event : page.events) {
-        rows.push_back(rowOf(*event));
+        rows.push_back(eventRow(*event));
     }
     return {{"events", std::move(rows)}, {"missed", page.missed}, {"newest", page.newest}};
 }

@@ -82,6 +82,15 @@ constexpr std::array kRoutes = {
     Route{"POST", "/v1/name/read", Lane::question, json<readName>},
     Route{"POST", "/v1/name/publish", Lane::question, json<publishName>},
     Route{"POST", "/v1/versions", Lane::read, json<parseVersions>},
+    Route{"GET", "/v1/shards", Lane::read, json<getShards>},
+    Route{"GET", "/v1/shards/index", Lane::read, json<getShardIndex>},
+    Route{"GET", "/v1/shards/fsps/*", Lane::question, json<getFspPlacement>},
+    Route{"POST", "/v1/shards/fsps", Lane::change, json<postFsp>},
+    Route{"POST", "/v1/shards/migrate", Lane::change, json<postMigration>},
+    Route{"POST", "/v1/shards/failback", Lane::change, json<postFailback>},
+    Route{"POST", "/v1/shards/move", Lane::change, json<postFspMove>},
+    Route{"GET", "/v1/shards/policy", Lane::read, json<getShardPolicy>},
+    Route{"PUT", "/v1/shards/policy", Lane::change, json<putShardPolicy>},
 };
 
 bool pathMatches(const Route &route, std::string_view path)

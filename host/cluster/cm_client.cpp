@@ -9,6 +9,7 @@
 #include "cluster/cluster_agent.h"
 #include "cluster/view_changes.h"
 #include "cluster/view_record.h"
+#include "fmm/policy_runner.h"
 #include "node.h"
 #include "notify/events.h"
 #include "platform/log.h"
@@ -91,6 +92,17 @@ void recordChanges(const DpcView &was, const DpcView &now)
     }
 }
 
+// The shard policy hears of the clients that serve shards.
+void reportStates(const DpcView &was, const DpcView &now)
+{
+    for (const DpcClient &client : now.clients) {
+        const DpcClient *old = was.find(client.lsId);
+        if (old == nullptr || old->runState != client.runState) {
+            reportStorageLs(client.lsId, client.runState == kFaulty);
+        }
+    }
+}
+
 // The version first, then what it brought.
 void recordView(const DpcView &was, const DpcView &now)
 {
@@ -141,12 +153,14 @@ public:
     {
         publish(now);
         recordView({}, now);
+        reportStates({}, now);
         tellFirstView(now);
     }
     void changed(const DpcView &was, const DpcView &now) override
     {
         publish(now);
         recordView(was, now);
+        reportStates(was, now);
         tellChange(was, now);
         reportWhenEmpty(was, now);
     }
@@ -154,6 +168,7 @@ public:
     {
         publish(now);
         recordView(was, now);
+        reportStates(was, now);
         tellMissedChanges(was, now);
         reportWhenEmpty(was, now);
     }

@@ -1,5 +1,5 @@
 // Owns the registry of modules and events. Its lock is held while an event is recorded, so that each module is told in
-// the order of the calls; it is taken before the lock of the event stream, and nothing waits under either.
+// the order of the calls; it is taken before the lock of the event stream. NotifyHold takes it for longer.
 
 #include "notify/notify.h"
 
@@ -25,7 +25,7 @@ struct Module {
     std::array<std::string, kMaxNotifyEvents> events; // names by number; empty = not registered
 };
 
-std::mutex s_lock;
+std::recursive_mutex s_lock; // whoever holds notifications back may tell himself
 // FMM's events are registered by the library. DLG is told of the same ones, but for the shard change, and nobody
 // registers them.
 std::array<Module, 2> s_modules = {{
@@ -101,6 +101,16 @@ int32_t registerEvent(Module &module, uint32_t event, const char (&name)[33])
 }
 
 } // namespace
+
+NotifyHold::NotifyHold()
+{
+    s_lock.lock();
+}
+
+NotifyHold::~NotifyHold()
+{
+    s_lock.unlock();
+}
 
 uint64_t refusedNotifications()
 {

@@ -19,6 +19,16 @@ constexpr uint32_t kMaxNotifyEvents = 32;
 // during the call. Copies the first kMaxEventMoves of them and sets moveCount to their number.
 void readMoves(uint64_t dataWord, EventDetails &details);
 
+// While one lives, nobody but its thread can tell a module anything: who tries waits, a light-weight thread with its
+// worker. For a call that queues several jobs which tell: none of them can be done before the last is queued.
+class NotifyHold {
+public:
+    NotifyHold();
+    ~NotifyHold();
+    NotifyHold(const NotifyHold &) = delete;
+    NotifyHold &operator=(const NotifyHold &) = delete;
+};
+
 // Notifications that were refused: their module or event is not known, or memory was short. From any thread.
 uint64_t refusedNotifications();
 

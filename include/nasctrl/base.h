@@ -10,6 +10,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* Around declarations: C linkage in C++, nothing in C. */
 #ifdef __cplusplus
 #define NASCTRL_BEGIN_DECLS extern "C" {
 #define NASCTRL_END_DECLS }
@@ -18,6 +19,7 @@
 #define NASCTRL_END_DECLS
 #endif
 
+/* Marks what crosses the boundary, in both directions. */
 #define NASCTRL_API __attribute__((visibility("default")))
 
 /* Results. Functions return 0 for success and one of these, or a negative errno value, for failure. */
@@ -27,11 +29,10 @@
 
 NASCTRL_BEGIN_DECLS
 
-/* A link of a circular doubly linked list. An empty list's head, and a record that is in no list, point at themselves.
- */
+/* A link of a circular doubly linked list. An empty list's head points at itself, as does a record that is in none. */
 typedef struct {
-    void *next;
-    void *prev;
+    void *next; /* the link of the next record, or the head */
+    void *prev; /* the same, backwards */
 } list_link;
 
 NASCTRL_END_DECLS

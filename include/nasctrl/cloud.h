@@ -26,21 +26,26 @@ NASCTRL_API int32_t NasCloudGetVpcInfo(char *buf, uint32_t size);     /* the tab
 NASCTRL_API int32_t NasCloudClearVpcInfo(char *buf, uint32_t size);   /* the file stays */
 NASCTRL_API int32_t NasCloudGetVpcInfoByIP(char *buf, uint32_t size); /* of an IPv4 address */
 NASCTRL_API int32_t NasCloudCheckVpcID(char *buf, uint32_t size);     /* of an id */
+/* The table to its file. */
 NASCTRL_API int32_t NasCloudSaveVpc(char *buf, uint32_t size);
 NASCTRL_API int32_t NasCloudReloadVpc(char *buf, uint32_t size); /* adds to the table */
 
 /* ---- the identity client: plain data without a lock ---- */
 
+/* What proves the identity, and until when. */
 typedef struct {
-    const char *token;
+    const char *token;  /* the text to show */
     const char *expiry; /* "%Y-%m-%dT%H:%M:%S", local time */
 } iam_token;
 
+/* An account, as the host lays it out. */
 typedef struct {
-    uint64_t fields[3];
+    uint64_t fields[3]; /* copied as they are */
 } iam_account;
 
+/* The host's; the library neither reads nor writes it. */
 extern NASCTRL_API iam_token gToken;
+/* What NasSetIamAccoutInfo stored. */
 extern NASCTRL_API iam_account gAcc;
 extern NASCTRL_API uint8_t bInitialed; /* 1 once NasInitNasIam has run */
 
@@ -55,6 +60,7 @@ NASCTRL_API int32_t NasInitNasIam(void);
 
 /* ---- entry points that are empty in this build and return 0; a host may define its own in their place ---- */
 
+/* Return 0. */
 NASCTRL_API int32_t NasGetIamToken(void);
 NASCTRL_API int32_t NasParseTokenData(void);
 NASCTRL_API int32_t NasSendIamRequest(void);

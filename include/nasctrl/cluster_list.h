@@ -9,12 +9,13 @@
 
 NASCTRL_BEGIN_DECLS
 
-#define NAS_CLUSTER_LIST_MAX 8
+#define NAS_CLUSTER_LIST_MAX 8 /* slots */
 
+/* The list. */
 extern NASCTRL_API struct nas_cluster_id_list {
     uint64_t ids[NAS_CLUSTER_LIST_MAX]; /* 0 = free */
-    uint16_t count;
-    kvos_spinlock_t lock; /* guards ids and count */
+    uint16_t count;                     /* of used slots */
+    kvos_spinlock_t lock;               /* guards ids and count */
 } g_nas_cluster_id_list;
 
 /* Empties the list; init also initialises its lock. Called while no other thread uses the list. */
@@ -29,6 +30,7 @@ NASCTRL_API uint32_t NasCtrlAddToClusterList(struct nas_cluster_id_list *list, u
 /* Removes id; returns 0 whether or not it was there. */
 NASCTRL_API uint32_t nas_ctrl_remove_from_cluster_list(uint64_t id);
 
+/* The number of ids. */
 NASCTRL_API uint16_t nas_ctrl_get_cluster_list_count(void);
 
 /* Stores the ids in slot order into out (room for 8) and their number through n. Returns 0; 1 for a null output. */

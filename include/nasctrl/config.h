@@ -44,8 +44,10 @@ NASCTRL_API uint32_t NasSysCtrlGetSpecificationConfigValue(const char *section, 
 
 /* ---- facts of the host ---- */
 
+/* This node's LS id: both, whatever their names. */
 NASCTRL_API uint32_t getDpcLsID(void);
 NASCTRL_API uint32_t getLocalLsID(void);
+/* What the host answers to the six arguments. */
 NASCTRL_API uint32_t getLocalLsIDByWwn(uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t);
 /* The LS id of the cluster's master; 1 while there is none. */
 NASCTRL_API uint32_t GetMasterNodeId(void);
@@ -60,29 +62,36 @@ NASCTRL_API uint32_t CTRL_GetCfgLsList(uint32_t *pairs, uint32_t max, uint32_t *
 NASCTRL_API uint32_t getEbsServerIpList(void);                             /* 0 */
 NASCTRL_API uint32_t GetNodePoolByDiskPoolId(uint64_t id, uint16_t *pool); /* stores 0; 0 */
 
+/* Who owns a data slice. */
 typedef struct {
-    uint16_t owner;
-    uint64_t slice;
+    uint16_t owner; /* always 0 */
+    uint64_t slice; /* always 0 */
 } data_slice_owner;
 /* Stores 0 in both fields; 0, or 1 for a null record. */
 NASCTRL_API uint32_t FssGetDataSliceOwner(data_slice_owner *rec);
 
+/* Set the switch, 1 for every value but 0, and read it. */
 NASCTRL_API void SetDpcSwitch(int on);
 NASCTRL_API uint32_t GetDpcSwitch(void);
 
 /* ---- entry points that are empty in this build and return 0 or nothing; a host may define its own in their place ----
  */
 
+/* Returns 0. */
 NASCTRL_API uint32_t handle_cmd(void *cmd);
 NASCTRL_API uint32_t NasCtlCmSubscribe(void);
 NASCTRL_API uint32_t NasCtrlGetDpcAddrByLsid(void);
 NASCTRL_API uint32_t HdfsCtrlGetTenantId(void);
+/* The body of the thread that a CM connect event starts. Returns null. */
 NASCTRL_API void *NasCtrlHandleDpcConnectEvent(void *arg);
+/* Do nothing. */
 NASCTRL_API void handle_evend(void *event);
 NASCTRL_API void handle_status(void);
 NASCTRL_API void NasCtrlGetDpcLsViewCallback(void);
 NASCTRL_API void NasSubsDpcLsViewCallback(void);
+/* Fetches the full view of the DPC cluster; result is 0 before the call and stays so here. */
 NASCTRL_API void NasCtrlHandleDpcEventAdapter(int32_t *result, uint32_t client_id, void *arg);
+/* Handles the tasks of g_nasDpcEventTaskList; called every 100 ms. Here nobody takes them off. */
 NASCTRL_API void NasCtrlExecuteDpcEventTask(void);
 
 NASCTRL_END_DECLS

@@ -20,6 +20,7 @@ typedef struct {
     void (*status)(void);           /* a CM status report */
 } cm_ops;
 
+/* The consumers, by index. */
 extern NASCTRL_API cm_ops g_nasCtrlCmOps[4];
 /* The id of the CM client that NasCtrlClusterInit opened; written by NasCrtlOpenCmClientAdapter. */
 extern NASCTRL_API uint32_t g_nasCtrlCMClientId;

@@ -14,37 +14,39 @@ NASCTRL_BEGIN_DECLS
 
 /* A key and value of an LS, as the cluster manager lays them out. */
 typedef struct {
-    char name[32];
+    char name[32];     /* the key, NUL-terminated */
     uint32_t valueLen; /* of value, NUL included */
-    char value[256];
+    char value[256];   /* as text, where the library reads it */
 } cm_attr;
 
 /* One logical server. */
 typedef struct {
-    uint32_t lsId;
+    uint32_t lsId; /* the id of the LS, unique in the cluster */
     uint32_t reserved4;
-    cm_attr attrs[8];
-    int32_t mgtSt;
+    cm_attr attrs[8]; /* looked up by their keys */
+    int32_t mgtSt;    /* the cluster manager's; only logged */
     uint32_t reserved2348;
     uint64_t sessionId; /* of the client's process */
     int32_t rs;         /* run state: 0 normal, 1 faulty */
-    int32_t bs;
-    int32_t role;
-    uint8_t rest[2340];
+    int32_t bs;         /* the cluster manager's; only logged */
+    int32_t role;       /* the cluster manager's; only logged */
+    uint8_t rest[2340]; /* never read */
 } cm_ls_entry;
 
+/* All logical servers at one time. */
 typedef struct {
-    uint64_t version;
-    char dsName[128];
-    char dsAlias[256];
-    int32_t mgtSt;
-    uint32_t lsNum;
-    cm_ls_entry *ls; /* lsNum entries */
+    uint64_t version;  /* counts the changes of the view */
+    char dsName[128];  /* name of the data service */
+    char dsAlias[256]; /* its other name */
+    int32_t mgtSt;     /* the cluster manager's; only logged */
+    uint32_t lsNum;    /* how many LS */
+    cm_ls_entry *ls;   /* lsNum entries */
 } dpc_view;
 
+/* The view that this process holds. */
 extern NASCTRL_API struct nas_dpc_ls_view {
     kvos_spinlock_t lock; /* guards view, for whoever fills it */
-    dpc_view view;
+    dpc_view view;        /* the view itself */
 } g_nasDpcLsView;
 
 extern NASCTRL_API uint32_t g_nasDpcClientId;       /* the CM client id; set by NasCtrlSetCmClientId */
@@ -53,8 +55,8 @@ extern NASCTRL_API uint64_t g_cmregls;              /* reserved for the host */
 
 /* Whoever waits for a subscription: the result, and the semaphore that is posted with it. */
 typedef struct {
-    int32_t result;
-    sem_t sem;
+    int32_t result; /* of the subscription */
+    sem_t sem;      /* posted when the result is there */
 } dpc_subscribe_waiter;
 
 /* Prepares view and task list, registers as CM consumer 1, starts the task thread. 0, or the thread's failure code. */
@@ -91,15 +93,16 @@ NASCTRL_API uint32_t ParseDoubleIp(const char *raw, char *out, uint32_t outLen);
 
 /* A fault that waits for the host's NasCtrlExecuteDpcEventTask; or a job that clears a lost client's locks. */
 typedef struct {
-    list_link link;
-    uint32_t lsid;
+    list_link link;     /* in g_nasDpcEventTaskList */
+    uint32_t lsid;      /* of the lost client */
     uint32_t faultTime; /* low 32 bits of the host's milliseconds */
-    uint64_t sessionId;
+    uint64_t sessionId; /* of the process that failed */
 } dpc_event_task;
 
+/* The tasks that wait. */
 extern NASCTRL_API struct nas_dpc_event_task_list {
-    list_link head; /* of dpc_event_task, oldest first */
-    kvos_spinlock_t lock;
+    list_link head;       /* of dpc_event_task, oldest first */
+    kvos_spinlock_t lock; /* guards the list */
 } g_nasDpcEventTaskList;
 
 /* Queues a task: 0, or NAS_INVALID without memory. Any thread. The consumer takes it off under the lock and frees it.

@@ -52,10 +52,10 @@ NASCTRL_API void nas_fmm_process_recover_callback(void *arg);
 
 /* What a move is to do. From the host's pool: the light-weight thread that runs it frees it. */
 typedef struct {
-    uint32_t event;
-    uint8_t isLwt; /* the caller runs on a light-weight thread */
-    void *sem;     /* the caller's; raised when done */
-    uint64_t data;
+    uint32_t event; /* NAS_FMM_EVENT_VNODE_MOVEIN or its like */
+    uint8_t isLwt;  /* the caller runs on a light-weight thread */
+    void *sem;      /* the caller's; raised when done */
+    uint64_t data;  /* the data word of the argument */
 } vnode_move_job;
 
 /* Bodies of the light-weight threads. A null job is logged. */
@@ -82,8 +82,8 @@ NASCTRL_API void nas_fmm_vnode_callback_simulator(uint32_t event, uint64_t data,
 
 /* A move that waits in the queue. From the host's pool; freed after its sem was raised. */
 typedef struct {
-    lwt_work_t work;
-    vnode_move_job job;
+    lwt_work_t work;    /* its place in the queue */
+    vnode_move_job job; /* the move */
 } vnode_move_item;
 
 /* Tells DLG and then FMM of a vnode_move_item; neither raises its sem nor frees it. A null job is logged. */

@@ -15,26 +15,27 @@
 
 NASCTRL_BEGIN_DECLS
 
-#define NAS_IP_TEXT_SIZE 46 /* of an address, NUL included */
-#define NAS_IP_MODULES 6
+#define NAS_IP_TEXT_SIZE 46     /* of an address, NUL included */
+#define NAS_IP_MODULES 6        /* slots for protocol modules */
 #define NAS_IP_ALL_NOTIFIED 63U /* the status of an address that no module waits for */
 
-#define NAS_IP_EVENT_ADD 0U
-#define NAS_IP_EVENT_DELETE 1U
+#define NAS_IP_EVENT_ADD 0U    /* an address comes */
+#define NAS_IP_EVENT_DELETE 1U /* an address goes */
 
 /* ---- the list of addresses ---- */
 
+/* A service address. */
 typedef struct NasIpListNode {
-    list_link link;
-    char addr[NAS_IP_TEXT_SIZE];
-    uint32_t status; /* bit m: protocol module m needs nothing more for this address */
-    uint32_t protoType;
+    list_link link;              /* in the list or the queue; points at itself while in neither */
+    char addr[NAS_IP_TEXT_SIZE]; /* the address as text */
+    uint32_t status;             /* bit m: protocol module m needs nothing more for this address */
+    uint32_t protoType;          /* the host's number for what is served on it */
 } NasIpListNode;
 
-extern NASCTRL_API list_link g_iplistHead;
-extern NASCTRL_API pthread_mutex_t g_ipListMutex;
-extern NASCTRL_API pthread_mutex_t g_ipSockIpLockMutex;
-extern NASCTRL_API uint32_t g_floatIpSupport; /* 0: no module is ever told of an address */
+extern NASCTRL_API list_link g_iplistHead;              /* of NasIpListNode, oldest first */
+extern NASCTRL_API pthread_mutex_t g_ipListMutex;       /* guards the list */
+extern NASCTRL_API pthread_mutex_t g_ipSockIpLockMutex; /* held for a whole addition, deletion or pass */
+extern NASCTRL_API uint32_t g_floatIpSupport;           /* 0: no module is ever told of an address */
 
 /* A new record in no list, or null: no memory, or an address of 46 characters or more. */
 NASCTRL_API NasIpListNode *NasIpMgrCreateListNode(const char *addr, uint32_t protoType, uint32_t status);
@@ -55,15 +56,17 @@ NASCTRL_API uint32_t NasIpMgrIsSupportFloatIP(void);
 
 /* ---- the event queues: FIFO, filled from any thread, drained by the event handler thread alone ---- */
 
+/* An address that comes or goes. */
 typedef struct NasIpEvent {
-    list_link link;
-    char addr[NAS_IP_TEXT_SIZE];
-    uint32_t type; /* NAS_IP_EVENT_ADD or NAS_IP_EVENT_DELETE */
-    uint32_t protoType;
+    list_link link;              /* in the list or the queue; points at itself while in neither */
+    char addr[NAS_IP_TEXT_SIZE]; /* the address as text */
+    uint32_t type;               /* NAS_IP_EVENT_ADD or NAS_IP_EVENT_DELETE */
+    uint32_t protoType;          /* the host's number for what is served on it */
 } NasIpEvent;
 
+/* A change of a tenant's addresses. */
 typedef struct NasIpNotifyEvent {
-    list_link link;
+    list_link link;     /* in the list or the queue; points at itself while in neither */
     uint32_t tenantId;  /* 0 to 1024 */
     uint32_t eventType; /* of one tenant's notices the largest wins */
 } NasIpNotifyEvent;
@@ -99,17 +102,18 @@ NASCTRL_API void *NasIpMgrIpEventHandle(void *arg);
 
 /* ---- start and the monitor ---- */
 
+/* Gets the text of an accepted period, in seconds. */
 typedef void (*set_period_fn)(const char *text);
 
-extern NASCTRL_API uint8_t g_nasipMgrInitied;
-extern NASCTRL_API uint8_t g_needRetry;     /* 1: the next sleep of the monitor is 5 seconds */
-extern NASCTRL_API uint32_t g_periodLength; /* seconds between monitor passes, 1 to 600 */
-extern NASCTRL_API set_period_fn g_setPeriodNotifyFunc;
-extern NASCTRL_API uint64_t g_ipLastQueryTime; /* host time just before the last query */
-extern NASCTRL_API uint64_t g_ipChangeTime;    /* host time of the last change the event handler applied */
-extern NASCTRL_API sem_t g_SockIpSem;          /* counts finished addition threads */
-extern NASCTRL_API unsigned long g_ip_monitor_thread_id;
-extern NASCTRL_API unsigned long g_ip_event_thread_id;
+extern NASCTRL_API uint8_t g_nasipMgrInitied;            /* 1 once NasIpMgrInitModule has run */
+extern NASCTRL_API uint8_t g_needRetry;                  /* 1: the next sleep of the monitor is 5 seconds */
+extern NASCTRL_API uint32_t g_periodLength;              /* seconds between monitor passes, 1 to 600 */
+extern NASCTRL_API set_period_fn g_setPeriodNotifyFunc;  /* or null */
+extern NASCTRL_API uint64_t g_ipLastQueryTime;           /* host time just before the last query */
+extern NASCTRL_API uint64_t g_ipChangeTime;              /* host time of the last change the event handler applied */
+extern NASCTRL_API sem_t g_SockIpSem;                    /* counts finished addition threads */
+extern NASCTRL_API unsigned long g_ip_monitor_thread_id; /* as the host gave it */
+extern NASCTRL_API unsigned long g_ip_event_thread_id;   /* as the host gave it */
 
 /*
  * Starts the IP manager: queues, monitor thread, event handler thread. fn, unless null, is told of every accepted
@@ -133,9 +137,9 @@ NASCTRL_API void NasIpMgrCleanDeletedIpInfo(const node_ip_list *list);
 
 /* One addition thread's work: addr outlives the thread, the thread frees the record and posts done. */
 typedef struct {
-    const char *addr;
-    int32_t protoType;
-    sem_t *done;
+    const char *addr;  /* the address as text */
+    int32_t protoType; /* the host's number */
+    sem_t *done;       /* posted at the end */
 } ip_add_work;
 
 /* Adds one address and tells the modules. The first form expects g_ipSockIpLockMutex to be held. 0, -22, or 1. */
@@ -163,6 +167,7 @@ NASCTRL_API int32_t NasIpMgrDeleteOldIPInner(const char *addr, uint32_t protoTyp
 /* Told of an address: NAS_IP_EVENT_ADD or _DELETE, its text, AF_INET or AF_INET6. 0 = accepted; else retried later. */
 typedef uint32_t (*ip_event_hook)(uint32_t event, const char *addr, uint32_t family);
 
+/* The hooks by module; null = no module. */
 extern NASCTRL_API ip_event_hook g_pIpEventCallBacks[NAS_IP_MODULES];
 
 /* Stores the hook of module 0 to 5, replacing an earlier one; at start-up, before addresses flow. 0, or 1. */

@@ -20,13 +20,13 @@ NASCTRL_API int32_t NasCtrlMsgCallSync(uint32_t type, const void *request, uint3
 
 /* ---- handlers of HDFS address notices; registered at start, called on the message service's threads ---- */
 
-#define NAS_HDFS_IPS_CHANGED 0U
-#define NAS_HDFS_IPS_CLEARED 1U
+#define NAS_HDFS_IPS_CHANGED 0U /* addresses changed */
+#define NAS_HDFS_IPS_CLEARED 1U /* addresses are gone */
 
 /* arg: the 72-byte notification record, all zero. */
 typedef void (*hdfs_ips_handler)(void *arg);
 
-extern NASCTRL_API hdfs_ips_handler g_hdfsGetIpsHandler[2];
+extern NASCTRL_API hdfs_ips_handler g_hdfsGetIpsHandler[2]; /* by opcode; null = none */
 
 /* Stores, or clears, the handler of an opcode above; any other opcode, or a null handler, is logged and ignored. */
 NASCTRL_API void HdfsGetIpsHandlerRegister(uint32_t opcode, hdfs_ips_handler handler);
@@ -52,9 +52,9 @@ NASCTRL_API int32_t NotifyIpdataClear(void *notice);
 
 /* A question about a subnet of a tenant's file system. */
 typedef struct {
-    uint32_t fsId;
-    uint32_t tenantId;
-    char subnet[64]; /* NUL-padded */
+    uint32_t fsId;     /* of the file system */
+    uint32_t tenantId; /* of its tenant */
+    char subnet[64];   /* NUL-padded */
 } zone_request;
 
 /* Type 3: the HDFS configuration behind an address; ip points at 64 bytes, NUL-padded text. 4172 bytes: fsid at 4,
@@ -119,17 +119,19 @@ NASCTRL_API void FreeIpListInfo(void *info);
 
 /* ---- owners of control addresses ---- */
 
+/* A control address and its owner. */
 typedef struct {
     uint32_t pending; /* not 0: lsId is still wanted */
     char ip[128];     /* NUL-terminated text */
-    uint32_t lsId;
+    uint32_t lsId;    /* the owner, once found */
     uint8_t reserved[12];
 } ctrl_ip_entry;
 
+/* The addresses that wait for their owners. */
 __extension__ typedef struct {
-    uint32_t busy; /* not 0: the list is left alone */
-    uint32_t count;
-    ctrl_ip_entry entries[];
+    uint32_t busy;           /* not 0: the list is left alone */
+    uint32_t count;          /* of entries */
+    ctrl_ip_entry entries[]; /* count of them */
 } ctrl_ip_list;
 
 /*

@@ -12,28 +12,31 @@
 
 NASCTRL_BEGIN_DECLS
 
-#define NAS_LIF_PORT_SLOTS 8192
-#define NAS_LIF_PORT_BUCKETS 256
+#define NAS_LIF_PORT_SLOTS 8192  /* indices */
+#define NAS_LIF_PORT_BUCKETS 256 /* by the low 8 bits of an id */
 
+/* A bucket of the table. */
 typedef struct {
     kvos_rwlock_t lock; /* guards the list and its entries */
     list_link head;     /* of NasLifPortEntry */
 } NasLifPortBucket;
 
+/* A port. */
 typedef struct NasLifPortEntry {
-    uint64_t id; /* never 0 */
-    uint32_t index;
-    uint64_t time; /* of the latest accepted add */
-    char name[257];
-    char ip[47];
-    list_link link;
+    uint64_t id;    /* never 0 */
+    uint32_t index; /* the slot of the id */
+    uint64_t time;  /* of the latest accepted add */
+    char name[257]; /* at most 256 characters */
+    char ip[47];    /* at most 46 characters */
+    list_link link; /* in its bucket */
 } NasLifPortEntry;
 
+/* The table. */
 extern NASCTRL_API struct nas_lif_port_info {
     kvos_spinlock_t lock;               /* guards slots */
     uint64_t slots[NAS_LIF_PORT_SLOTS]; /* slot i holds the id that owns index i; 0 = free */
     NasLifPortBucket *buckets;          /* bucket of an id: its low 8 bits */
-    uint32_t (*find)(uint64_t id);
+    uint32_t (*find)(uint64_t id);      /* nas_lifportid_hashfind */
 } g_NfsLifPortInfo;
 
 /* Starts the manager once, after NasIpMgrInitModule: table, hook slot 3, statistics. 0, or the first failing code. */

@@ -9,18 +9,19 @@
 
 NASCTRL_BEGIN_DECLS
 
-#define NAS_POWER_OFF 0U
-#define NAS_POWER_ON 1U
-#define NAS_POWER_GOING_OFF 2U
-#define NAS_POWER_GOING_ON 3U
+#define NAS_POWER_OFF 0U       /* off */
+#define NAS_POWER_ON 1U        /* on */
+#define NAS_POWER_GOING_OFF 2U /* the stop routine runs, or has failed */
+#define NAS_POWER_GOING_ON 3U  /* until the host reports that the service is up */
 
 /* Starts or stops the protocol service; gets the two arguments of nas_ctrl_power_on or _off. 0 = done. */
 typedef int32_t (*nas_power_fn)(void *a, void *b);
 
+/* The routines and the state. */
 extern NASCTRL_API struct nas_power_mgr {
-    nas_power_fn start;
-    nas_power_fn stop;
-    uint32_t state;
+    nas_power_fn start; /* or null */
+    nas_power_fn stop;  /* or null */
+    uint32_t state;     /* one of the four above */
 } g_nas_power_mgr;
 
 /* Stores both routines and resets the state to off. Returns 0, or -22 (and changes nothing) when either is null. */

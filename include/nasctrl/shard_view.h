@@ -14,53 +14,58 @@
 
 NASCTRL_BEGIN_DECLS
 
-#define NAS_SHARDS_MAX 4096
+#define NAS_SHARDS_MAX 4096     /* shards in the table */
 #define NAS_SHARD_ADDR_SIZE 256 /* of an address, NUL included */
-#define NAS_SHARD_BUCKETS 8
-#define NAS_SHARD_NODES 4096
-#define NAS_SHARD_NORMAL 0U
-#define NAS_SHARD_FAULT 1U
+#define NAS_SHARD_BUCKETS 8     /* of the index of FSPs */
+#define NAS_SHARD_NODES 4096    /* FSPs in the index */
+#define NAS_SHARD_NORMAL 0U     /* the shard serves */
+#define NAS_SHARD_FAULT 1U      /* its FSPs went to another */
 
+/* A shard. */
 typedef struct {
-    uint32_t shardId;
+    uint32_t shardId; /* the shard */
     uint32_t reserved4[2];
     uint32_t lsId; /* the LS that owns the shard */
     uint32_t reserved16[3];
 } shard_entry;
 
+/* The table. */
 extern NASCTRL_API struct shardview_tbl {
     uint64_t reserved0;
-    uint32_t number_of_shards;
+    uint32_t number_of_shards; /* of used entries */
     uint32_t reserved12;
-    shard_entry entries[NAS_SHARDS_MAX];
+    shard_entry entries[NAS_SHARDS_MAX]; /* by shard id */
 } g_shardviewTbl;
 
 extern NASCTRL_API char shard_addr_list[NAS_SHARDS_MAX][NAS_SHARD_ADDR_SIZE]; /* the service address of each shard */
 
+/* The state of each shard. */
 extern NASCTRL_API struct shard_status {
     uint32_t status;     /* NAS_SHARD_NORMAL or NAS_SHARD_FAULT */
     uint32_t takeoverLs; /* while FAULT, the LS to which the shard's FSPs went; NAS_INVALID after a failback */
 } shardViewStatus[NAS_SHARDS_MAX];
 
+/* The placement of an FSP. */
 typedef struct shard_node {
-    uint32_t fspId; /* NAS_INVALID when free */
-    uint32_t shardId;
+    uint32_t fspId;        /* NAS_INVALID when free */
+    uint32_t shardId;      /* the shard */
     uint64_t version;      /* counts the moves */
     list_link bucket_link; /* in the bucket of the FSP's hash */
     list_link free_link;   /* in the list of free nodes; poisoned while in use */
 } shard_node;
 
+/* The index of FSPs. */
 extern NASCTRL_API struct shard_view_list {
-    kvos_rwlock_t lock; /* guards the lists and the nodes in them */
-    uint32_t node_count;
+    kvos_rwlock_t lock;                   /* guards the lists and the nodes in them */
+    uint32_t node_count;                  /* of used nodes */
     list_link buckets[NAS_SHARD_BUCKETS]; /* of shard_node, oldest first */
-    list_link free_head;
+    list_link free_head;                  /* of free nodes */
 } shardViewList;
 
-extern NASCTRL_API shard_node shardNodeEntry[NAS_SHARD_NODES];
-extern NASCTRL_API char g_confPath[512];
-extern NASCTRL_API uint32_t g_partionNumber; /* 3 until the configuration is read */
-extern NASCTRL_API void *g_fmmLwtQ;          /* the work queue "Fmm LWT" */
+extern NASCTRL_API shard_node shardNodeEntry[NAS_SHARD_NODES]; /* all nodes, free ones too */
+extern NASCTRL_API char g_confPath[512];                       /* what stub_setConfPath stored */
+extern NASCTRL_API uint32_t g_partionNumber;                   /* 3 until the configuration is read */
+extern NASCTRL_API void *g_fmmLwtQ;                            /* the work queue "Fmm LWT" */
 
 /* ---- start ---- */
 
@@ -123,6 +128,7 @@ NASCTRL_API uint32_t stub_getShardingInfoById(uint32_t fspId, shard_entry *out, 
  */
 NASCTRL_API uint32_t stub_queryAddrByLsId(int32_t lsId, char *addr, uint32_t addrLen);
 
+/* g_partionNumber. */
 NASCTRL_API uint32_t stub_GetPartionNumber(void);
 /* The queue "Fmm LWT", or null before it is made. */
 NASCTRL_API void *fmm_get_lwt_queue(void);
@@ -139,16 +145,17 @@ NASCTRL_API uint32_t FspShowShardView(char *buf, uint32_t len);
 
 /* One moved FSP. */
 typedef struct {
-    uint32_t fspId;
+    uint32_t fspId;   /* the FSP */
     uint32_t shardId; /* the new one */
     uint16_t srcLs;   /* low 16 bits of the ids */
-    uint16_t dstLs;
+    uint16_t dstLs;   /* low 16 bits */
     uint8_t reserved[8];
 } migration_record;
 
+/* All that a migration moved. */
 typedef struct {
     uint64_t reserved0, reserved8;
-    uint32_t count;
+    uint32_t count;            /* of records */
     migration_record *records; /* count of them; a pool block */
     uint64_t reserved32;
 } migration_payload;
@@ -158,6 +165,7 @@ typedef struct fmm_buffer {
     uint64_t id;                /* low 32 bits: the LS of a fault or a recovery; else 0 */
     migration_payload *payload; /* or null */
     uint32_t refs;              /* counted atomically */
+    uint32_t holds;             /* the library's own; 0 in a new buffer */
 } fmm_buffer;
 
 /* Handles an event on the FMM queue; the submission's reference is its to drop. */
@@ -165,9 +173,9 @@ typedef void (*fmm_handler)(fmm_buffer *buffer);
 
 /* A submitted handler that waits in the queue. */
 typedef struct {
-    fmm_buffer *buffer;
-    lwt_work_t work;
-    fmm_handler handler;
+    fmm_buffer *buffer;  /* the event; the task holds a reference */
+    lwt_work_t work;     /* its place in the queue */
+    fmm_handler handler; /* called with the buffer */
 } fmm_task;
 
 /* Take and drop a reference; who drops the last one frees records, payload and buffer. Null is ignored. */
@@ -199,11 +207,11 @@ NASCTRL_API uint32_t FspGetNodeInfo(char *buf, uint32_t len);
 
 /* The placement of an FSP; the words in between are left alone. */
 typedef struct {
-    uint32_t fspId;
-    uint32_t words4[2];
-    uint32_t lsId; /* of the FSP's shard */
-    uint32_t word16, pad;
-    uint64_t version;
+    uint32_t fspId;       /* the FSP */
+    uint32_t words4[2];   /* not touched */
+    uint32_t lsId;        /* of the FSP's shard */
+    uint32_t word16, pad; /* not touched */
+    uint64_t version;     /* counts the moves */
 } shard_info;
 
 /* Fills out for an FSP that has a node: 0. Otherwise 1, and out is left alone; no node is created. */

@@ -18,8 +18,8 @@ NASCTRL_BEGIN_DECLS
 
 /* The versions that were found, in their order; the caller clears it first. */
 typedef struct {
-    uint32_t vers[256];
-    int32_t count;
+    uint32_t vers[256]; /* the first count are valid */
+    int32_t count;      /* 0 to 256 */
 } version_array;
 
 /*
@@ -55,9 +55,9 @@ typedef struct {
 
 /* The node's copy of the record, as it was read or written last. */
 extern NASCTRL_API struct cluster_verinfo {
-    uint32_t FL;
-    int64_t version;
-    uint64_t seq;
+    uint32_t FL;          /* as in ns_value */
+    int64_t version;      /* of the name, as it was last seen */
+    uint64_t seq;         /* as in ns_value */
     kvos_spinlock_t lock; /* guards the fields before it */
 } s_clusterVerinfo;
 

@@ -13,11 +13,12 @@
 
 NASCTRL_BEGIN_DECLS
 
-#define NAS_VPC_RECORDS 100
-#define NAS_VPC_ID_SIZE 129        /* of a buffer for any id, NUL included */
-#define NAS_VPC_EXISTS 0xFFFFFFFEU /* NasSetVpcInfo: the same record is there already */
-#define NAS_VPC_DEFAULT_ID "vpc_id_default"
+#define NAS_VPC_RECORDS 100                 /* networks in the table */
+#define NAS_VPC_ID_SIZE 129                 /* of a buffer for any id, NUL included */
+#define NAS_VPC_EXISTS 0xFFFFFFFEU          /* NasSetVpcInfo: the same record is there already */
+#define NAS_VPC_DEFAULT_ID "vpc_id_default" /* of an address in no network */
 
+/* A network and the id of its VPC. */
 typedef struct {
     char id[NAS_VPC_ID_SIZE]; /* at most 128 characters */
     char ip[20];              /* the network's address as text, without a NUL when it has 20 characters */
@@ -26,7 +27,7 @@ typedef struct {
     uint32_t in_use;          /* 1 = used, 0 = free */
 } vpc_record;
 
-extern NASCTRL_API vpc_record g_vpc[NAS_VPC_RECORDS];
+extern NASCTRL_API vpc_record g_vpc[NAS_VPC_RECORDS]; /* the table */
 /* The answer for an address that belongs to no network: NAS_VPC_DEFAULT_ID. */
 extern NASCTRL_API char g_VpcDefault[NAS_VPC_ID_SIZE];
 

@@ -36,6 +36,10 @@ inline uint32_t lsIdOfShard(uint32_t shardId)
     return shardId < NAS_SHARDS_MAX ? g_shardviewTbl.entries[shardId].lsId : NAS_INVALID;
 }
 
+/* Keep an event alive beside its references, and let it go again; whoever lets the last of both go frees it. */
+void holdFmmBuffer(fmm_buffer *b);
+void releaseFmmBuffer(fmm_buffer *b);
+
 /* The nodes of a bucket, oldest first. The index is locked for the whole loop. */
 class BucketNodes {
 public:

@@ -1,10 +1,11 @@
 /*
  * The FMM event buffers, shared by the handlers of the queue "Fmm LWT" through a count of references, and the tasks in
  * which handlers wait there. No lock: the count is atomic, and whoever drops the last reference is alone with the
- * buffer.
+ * buffer. A hold is a reference of the library's own that refs does not show.
  */
-#include <atomic>
+#include <bit>
 #include <cerrno>
+#include <cstddef>
 
 #include "internal/pool.h"
 #include "internal/shard_view.h"
@@ -24,16 +25,25 @@ static_assert(offsetof(lwt_work_t, zero1) == 40 && offsetof(lwt_work_t, minus_on
 static_assert(sizeof(fmm_task) == 80);
 static_assert(offsetof(fmm_task, buffer) == 0 && offsetof(fmm_task, work) == 8 && offsetof(fmm_task, handler) == 72);
 
-void FspGetFmmBuffer(fmm_buffer *b)
+namespace {
+
+/* References and holds as one word, so that exactly one caller sees the last of both go. */
+using Counts = uint64_t __attribute__((may_alias));
+constexpr Counts kReference = 1;
+constexpr Counts kHold = kReference << 32;
+
+static_assert(offsetof(fmm_buffer, holds) == offsetof(fmm_buffer, refs) + 4 &&
+              std::endian::native == std::endian::little);
+
+void add(fmm_buffer *b, Counts what)
 {
-    if (b != nullptr) {
-        std::atomic_ref<uint32_t>(b->refs).fetch_add(1, std::memory_order_relaxed);
-    }
+    __atomic_fetch_add(reinterpret_cast<Counts *>(&b->refs), what, __ATOMIC_RELAXED);
 }
 
-void FspPutFmmBuffer(fmm_buffer *b)
+/* Frees the event when nothing but this was left. */
+void drop(fmm_buffer *b, Counts what)
 {
-    if (b == nullptr || std::atomic_ref<uint32_t>(b->refs).fetch_sub(1, std::memory_order_acq_rel) != 1) {
+    if (__atomic_fetch_sub(reinterpret_cast<Counts *>(&b->refs), what, __ATOMIC_ACQ_REL) != what) {
         return;
     }
     if (b->payload != nullptr) {
@@ -43,6 +53,32 @@ void FspPutFmmBuffer(fmm_buffer *b)
         POOL_FREE(b->payload);
     }
     POOL_FREE(b);
+}
+
+} // namespace
+
+void nas::holdFmmBuffer(fmm_buffer *b)
+{
+    add(b, kHold);
+}
+
+void nas::releaseFmmBuffer(fmm_buffer *b)
+{
+    drop(b, kHold);
+}
+
+void FspGetFmmBuffer(fmm_buffer *b)
+{
+    if (b != nullptr) {
+        add(b, kReference);
+    }
+}
+
+void FspPutFmmBuffer(fmm_buffer *b)
+{
+    if (b != nullptr) {
+        drop(b, kReference);
+    }
 }
 
 int32_t FspSubmitLwt(fmm_buffer *b, fmm_handler handler)

@@ -204,9 +204,27 @@ uint32_t announce(const char *func, const Migration &move, nas::PoolPtr<migratio
     return told ? NAS_OK : NAS_ERROR;
 }
 
+/* Submits the handlers that the move of a single FSP calls for, until one is refused. */
+bool tellOne(const char *func, const Migration &move, fmm_buffer *buffer)
+{
+    const bool leaves = getLocalLsID() == move.src;
+    if (leaves && !submit(func, buffer, FspMoveOutEvent)) {
+        return false; /* the refusal has dropped the only reference there was */
+    }
+    bool told = submit(func, buffer, notifyViewChange);
+    if (!told && !leaves) {
+        return false;
+    }
+    told = told && (getLocalLsID() != move.dst || submit(func, buffer, FspMoveInEvent));
+    if (!told) {
+        FspPutFmmBuffer(buffer); /* One more than was taken, on purpose. */
+    }
+    return told;
+}
+
 /*
- * The same for a single FSP, without a reference of its own: the handlers alone keep the event. A refused submission
- * drops one reference more than it took, on purpose; where it was the first, the event is gone with it.
+ * The same for a single FSP, without a reference of its own: the handlers alone keep the event. A hold keeps its memory
+ * until the last of them is submitted, because the first may be done by then.
  */
 uint32_t announceOne(const char *func, uint32_t fspId, const Migration &move)
 {
@@ -220,21 +238,10 @@ uint32_t announceOne(const char *func, uint32_t fspId, const Migration &move)
     if (buffer == nullptr) {
         return NAS_ERROR;
     }
-    const bool leaves = getLocalLsID() == move.src;
-    if (leaves && !submit(func, buffer, FspMoveOutEvent)) {
-        return NAS_ERROR;
-    }
-    if (!submit(func, buffer, notifyViewChange)) {
-        if (leaves) {
-            FspPutFmmBuffer(buffer);
-        }
-        return NAS_ERROR;
-    }
-    if (getLocalLsID() == move.dst && !submit(func, buffer, FspMoveInEvent)) {
-        FspPutFmmBuffer(buffer);
-        return NAS_ERROR;
-    }
-    return NAS_OK;
+    nas::holdFmmBuffer(buffer);
+    const bool told = tellOne(func, move, buffer);
+    nas::releaseFmmBuffer(buffer);
+    return told ? NAS_OK : NAS_ERROR;
 }
 
 /* The node of an FSP wherever it stands; the index is locked. */

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the build into an empty folder, and builds two foreign projects against it: C with pkg-config, C++ with CMake.
+# Installs the build into an empty folder, and builds foreign projects against it.
 # Usage: install_test.sh CMAKE BUILD-DIRECTORY VERSION
 set -euo pipefail
 cmake=$1 build=$2 version=$3
@@ -12,28 +12,26 @@ libdir=$(dirname "$(find "$prefix" -name libnasctrl.so)")
 [ "$(readlink "$libdir/libnasctrl.so")" = "libnasctrl.so.${version%%.*}" ]
 [ "$(readlink "$libdir/libnasctrl.so.${version%%.*}")" = "libnasctrl.so.$version" ]
 readelf -d "$libdir/libnasctrl.so" | grep -q "soname: \[libnasctrl.so.${version%%.*}\]"
-
-cat >"$work/host.c" <<'C'
-#include <nasctrl/nasctrl.h>
-int main(void) { return (int)GetNasPowerOnStatus(); }
-C
-cp "$work/host.c" "$work/host.cpp"
-
-# The functions that a host supplies are not of interest here.
-no_host=-Wl,--unresolved-symbols=ignore-in-shared-libs
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-[ "$(pkg-config --modversion nasctrl)" = "$version" ]
-# shellcheck disable=SC2046
-cc -std=c11 -Wall -Werror "$work/host.c" -o "$work/host" $(pkg-config --cflags --libs nasctrl) $no_host
+"$(dirname "$0")/foreign_projects.sh" "$version" -DCMAKE_PREFIX_PATH="$prefix"
 
-cat >"$work/CMakeLists.txt" <<C
-cmake_minimum_required(VERSION 3.25)
-project(foreign CXX)
-find_package(nasctrl ${version%%.*} REQUIRED)
-add_executable(foreign host.cpp)
-target_link_libraries(foreign PRIVATE nasctrl::nasctrl)
-target_link_options(foreign PRIVATE $no_host)
-C
-"$cmake" -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-"$cmake" --build "$work/build" >/dev/null
+# The minimal host, as the embedding guide builds it: from a copy, with a plain compiler and with CMake.
+if [ -x "$prefix/bin/nasctrl-hostcheck" ]; then
+    example=$(cd "$(dirname "$0")/../../examples/minimal_host" && pwd)
+    cp -r "$example" "$work/minimal"
+    # shellcheck disable=SC2046
+    (cd "$work/minimal" && cc -Wall -Wextra -Werror -rdynamic ./*.c -o minimal_host \
+        $(pkg-config --cflags --libs nasctrl) -pthread)
+    LD_LIBRARY_PATH=$libdir "$work/minimal/minimal_host" "$work/minimal" | diff "$example/expected_output.txt" -
+    "$cmake" -S "$work/minimal" -B "$work/minimal/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+    "$cmake" --build "$work/minimal/build" >/dev/null
+    "$work/minimal/build/minimal_host" "$work/minimal" | diff "$example/expected_output.txt" -
+
+    # Judged by the installed program, which finds the installed library by itself.
+    for host in "$work/minimal/minimal_host" "$work/minimal/build/minimal_host"; do
+        "$prefix/bin/nasctrl-hostcheck" "$host" | grep -qx "the library can be loaded into it"
+    done
+    ! "$prefix/bin/nasctrl-hostcheck" /bin/true >"$work/verdict"
+    grep -qx "the library cannot be loaded into it: it lacks functions" "$work/verdict"
+fi
 echo "installed, and linked from C and from C++"

@@ -3,32 +3,13 @@
  * with a clock of the test's own; the CM client is scripted.
  */
 #include "admin/routes.h"
+#include "admin_node.h"
 #include "cluster/cm_client.h"
 #include "cluster/dpc_clients.h"
 #include <atomic>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
-
-namespace {
-
-host::CmStatus g_status;
-std::shared_ptr<const host::DpcView> g_view;
-
-} // namespace
-
-namespace host {
-
-CmStatus cmStatus()
-{
-    return g_status;
-}
-std::shared_ptr<const DpcView> knownView()
-{
-    return g_view;
-}
-
-} // namespace host
 
 namespace {
 
@@ -40,16 +21,14 @@ class AdminDpc : public testing::Test {
 protected:
     void SetUp() override
     {
-        g_status = host::CmStatus();
-        g_view = nullptr;
+        resetNode();
         char pattern[] = "/tmp/nasctrl-dpc-XXXXXX";
         directory_ = mkdtemp(pattern);
     }
     void TearDown() override
     {
         host::stopClusterStore();
-        g_status = host::CmStatus();
-        g_view = nullptr;
+        resetNode();
         std::filesystem::remove_all(directory_);
     }
     void startStore()
@@ -83,14 +62,14 @@ private:
 
 TEST_F(AdminDpc, ShowsTheViewAsTheNodeKnowsIt)
 {
-    g_status.connected = true;
-    g_status.master = 3;
+    g_node.cm.connected = true;
+    g_node.cm.master = 3;
     host::DpcView view{12, "w", {}};
     view.put({7, 100, host::kFaulty, host::kHeartBreak, 2, 1, {{"ip", "10.0.0.1"}}});
     view.put({8, 18446744073709551615U, host::kRunning, host::kNoFault, 0, 2, {}});
     view.put({9, 1, host::kRunning, host::kProcessFault, 1, 2, {}});
     view.put({10, 1, host::kFaulty, 77, 1, 2, {}});
-    g_view = std::make_shared<const host::DpcView>(view);
+    g_node.view = std::make_shared<const host::DpcView>(view);
 
     EXPECT_EQ(call("GET", "/v1/view").body,
               R"({"version":12,"connected":true,"master":3,"clients":[)"
@@ -116,16 +95,16 @@ TEST_F(AdminDpc, ShowsThatNoViewWasReadYet)
 
 TEST_F(AdminDpc, ShowsTheMaster)
 {
-    g_status.node = 3;
-    g_status.connected = true;
-    g_status.master = 3;
-    g_status.ttl = 5s;
-    g_status.sinceContact = 1234ms;
+    g_node.cm.node = 3;
+    g_node.cm.connected = true;
+    g_node.cm.master = 3;
+    g_node.cm.ttl = 5s;
+    g_node.cm.sinceContact = 1234ms;
     EXPECT_EQ(call("GET", "/v1/master").body,
               R"({"node":3,"master":3,"is_master":true,"connected":true,"ttl_s":5,"since_contact_ms":1234})");
-    g_status.master = 1;
+    g_node.cm.master = 1;
     EXPECT_THAT(call("GET", "/v1/master").body, HasSubstr(R"("master":1,"is_master":false)"));
-    g_status.master.reset();
+    g_node.cm.master.reset();
     EXPECT_THAT(call("GET", "/v1/master").body, HasSubstr(R"("master":null,"is_master":false)"));
 }
 
@@ -244,9 +223,9 @@ TEST_F(AdminDpc, ShowsTheClusterInTheNodesStatus)
                 HasSubstr(R"("cluster":{"store":null,"connected":false,"master":null,"view_version":null,)"
                           R"("clients":0},"busy")"));
     startStore();
-    g_status.connected = true;
-    g_status.master = 2;
-    g_view = std::make_shared<const host::DpcView>(host::DpcView{4, "w", {host::DpcClient{}}});
+    g_node.cm.connected = true;
+    g_node.cm.master = 2;
+    g_node.view = std::make_shared<const host::DpcView>(host::DpcView{4, "w", {host::DpcClient{}}});
 
     const std::string cluster = Json::parse(call("GET", "/v1/status").body)["cluster"].dump();
     EXPECT_THAT(cluster, HasSubstr(R"("clients":1,"connected":true,"master":2,)"));

@@ -1,8 +1,13 @@
 // What the admin door answers about the FMM events, asked without a socket; the host's FMM side is the test's own.
 #include "admin/routes.h"
+#include "admin_node.h"
 #include "fmm/fmm.h"
+#include "fmm/policy_runner.h"
+#include "notify/events.h"
 
 #include <gmock/gmock.h>
+#include <nasctrl/shard_view.h>
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -15,6 +20,11 @@ struct Fmm {
 };
 Fmm g_fmm;
 
+void tell(const std::string &module, const std::string &event, uint64_t data = 0)
+{
+    host::recordEvent({.module = module, .name = event, .data = data});
+}
+
 } // namespace
 
 namespace host {
@@ -26,6 +36,7 @@ FmmState fmmState()
 bool announceShardChange()
 {
     g_fmm.announced.emplace_back("shard change");
+    tell("FMM", "SHARD_CHG");
     return g_fmm.state.subscribed;
 }
 void announceProcessFault(uint32_t lsId)
@@ -36,10 +47,14 @@ void announceProcessFault(uint32_t lsId)
 void announceProcessRecovery(uint32_t lsId)
 {
     g_fmm.announced.push_back("recovery " + std::to_string(lsId));
+    tell("FMM", "NODE_RECOVER");
 }
 void announceMove(FmmMove move)
 {
+    constexpr const char *kNames[] = {"VNODE_MOVEIN", "VNODE_MOVEOUT", "SCALE_IN", "SCALE_OUT"};
     g_fmm.announced.push_back("move " + std::to_string(static_cast<int>(move)));
+    tell("DLG", kNames[static_cast<int>(move)]);
+    tell("FMM", kNames[static_cast<int>(move)]);
 }
 
 } // namespace host
@@ -48,7 +63,30 @@ namespace {
 
 class AdminFmm : public testing::Test {
 protected:
-    void SetUp() override { g_fmm = {}; }
+    void SetUp() override
+    {
+        g_fmm = {};
+        resetNode();
+        g_shardviewTbl.number_of_shards = 1;
+        g_shardviewTbl.entries[0].lsId = 70000;
+        g_node.commands = {{"nas_fmm", "node_fault", "", nullptr}};
+        g_node.run = [](const std::optional<std::string> &value) {
+            g_fmm.announced.push_back("command " + value.value());
+            tell("FMM", "NODE_FAULT", std::stoull(*value));
+            return host::CommandAnswer{0, ""};
+        };
+    }
+    static std::vector<std::string> told(const std::string &body)
+    {
+        std::vector<std::string> lines;
+        const auto answer = nlohmann::json::parse(ask("POST", body).body);
+        for (const auto &each : answer.at("told")) {
+            lines.push_back(each.at("module").get<std::string>() + " " + each.at("event").get<std::string>() + " " +
+                            each.at("data").get<std::string>());
+        }
+        return lines;
+    }
+    static std::map<uint32_t, host::StorageReport> reports() { return host::policyView().reports; }
     static host::admin::Answer ask(const std::string &method, const std::string &body = "")
     {
         return host::admin::answerRequest({method, "/v1/fmm", body});
@@ -88,16 +126,51 @@ TEST_F(AdminFmm, AnnouncesEventsByTheirNames)
 
 TEST_F(AdminFmm, AnswersTheStateAfterTheEvent)
 {
-    EXPECT_EQ(ask("POST", R"({"event":"process-fault","ls":12})").body,
-              R"({"shard_changes":{"subscribed":false,"announced":0},)"
-              R"("faulty_processes":[{"ls":12,"age_ms":0}],"recoveries":0})");
+    EXPECT_EQ(
+        ask("POST", R"({"event":"process-fault","ls":12})").body,
+        R"({"shard_changes":{"subscribed":false,"announced":0},)"
+        R"("faulty_processes":[{"ls":12,"age_ms":0}],"recoveries":0,"told":[],"untold":[],"serves_shard":false})");
+}
+
+TEST_F(AdminFmm, AnswersWhoWasTold)
+{
+    g_fmm.state.subscribed = true;
+    EXPECT_THAT(told(R"({"event":"shard-change"})"), ElementsAre("FMM SHARD_CHG 0"));
+    EXPECT_THAT(told(R"({"event":"vnode-move-in"})"), ElementsAre("DLG VNODE_MOVEIN 0", "FMM VNODE_MOVEIN 0"));
+    EXPECT_THAT(told(R"({"event":"shard-move-out"})"), ElementsAre("DLG SCALE_OUT 0", "FMM SCALE_OUT 0"));
+    EXPECT_THAT(told(R"({"event":"process-recover","ls":12})"), ElementsAre("FMM NODE_RECOVER 0"));
+}
+
+TEST_F(AdminFmm, TellsFmmAndThePolicyOfAStorageNodeThatFailsAndReturns)
+{
+    EXPECT_THAT(told(R"({"event":"node-fault","ls":70000})"), ElementsAre("FMM NODE_FAULT 70000"));
+    EXPECT_THAT(g_fmm.announced, ElementsAre("fault 70000", "command 70000"));
+    EXPECT_TRUE(reports().at(70000).faulty);
+    EXPECT_THAT(told(R"({"event":"node-recover","ls":70000})"), ElementsAre("FMM NODE_RECOVER 0"));
+    EXPECT_EQ(g_fmm.announced.back(), "recovery 70000");
+    EXPECT_FALSE(reports().at(70000).faulty);
+}
+
+TEST_F(AdminFmm, DoesNotTellThePolicyOfANodeThatServesNoShard)
+{
+    EXPECT_THAT(told(R"({"event":"node-fault","ls":5})"), ElementsAre("FMM NODE_FAULT 5"));
+    EXPECT_FALSE(reports().contains(5));
+}
+
+TEST_F(AdminFmm, FailsANodeFaultWhoseCommandFails)
+{
+    g_node.run = [](const std::optional<std::string> &) { return host::CommandAnswer{1, ""}; };
+    EXPECT_EQ(ask("POST", R"({"event":"node-fault","ls":70000})").body,
+              R"({"error":"the library's command node_fault failed"})");
+    EXPECT_TRUE(!reports().contains(70000) || !reports().at(70000).faulty);
 }
 
 TEST_F(AdminFmm, RefusesWhatIsNoEvent)
 {
     for (const char *body : {"", "{}", R"({"event":"storm"})", R"({"event":5})", R"({"event":"process-fault"})",
-                             R"({"event":"process-fault","ls":-1})", R"({"event":"process-fault","ls":4294967296})",
-                             R"({"event":"shard-change","ls":1})", R"({"event":"shard-change","more":1})"}) {
+                             R"({"event":"node-fault"})", R"({"event":"process-fault","ls":-1})",
+                             R"({"event":"process-fault","ls":4294967296})", R"({"event":"shard-change","ls":1})",
+                             R"({"event":"shard-change","more":1})"}) {
         EXPECT_EQ(ask("POST", body).status, 400U) << body;
     }
     EXPECT_THAT(g_fmm.announced, IsEmpty());
@@ -106,8 +179,9 @@ TEST_F(AdminFmm, RefusesWhatIsNoEvent)
 TEST_F(AdminFmm, NamesTheEventsThatThereAre)
 {
     EXPECT_THAT(ask("POST", R"({"event":"storm"})").body,
-                testing::HasSubstr("event: must be shard-change, vnode-move-in, vnode-move-out, shard-move-in, "
-                                   "shard-move-out, process-fault or process-recover"));
+                testing::HasSubstr("event: must be one of shard-change, vnode-move-in, vnode-move-out, "
+                                   "shard-move-in, shard-move-out, process-fault, process-recover, "
+                                   "node-fault, node-recover"));
 }
 
 TEST_F(AdminFmm, FailsAShardChangeThatNobodySubscribedTo)

@@ -3,6 +3,7 @@
  */
 #pragma once
 
+#include "cluster/cm_client.h"
 #include "message/message_service.h"
 #include "modules/modules.h"
 #include "node.h"
@@ -46,6 +47,8 @@ struct Node {
     std::vector<uint64_t> clusters;
     std::map<std::string, ConfigValue> config; // by getter; others fail with 1
     std::deque<NasIpListNode> addresses;
+    host::CmStatus cm;
+    std::shared_ptr<const host::DpcView> view; // null = none was read yet
 };
 
 extern Node g_node;

@@ -255,6 +255,14 @@ std::optional<CommandAnswer> runCommand(const std::string &module, const std::st
     }
     return g_node.run(value);
 }
+CmStatus cmStatus()
+{
+    return g_node.cm;
+}
+std::shared_ptr<const DpcView> knownView()
+{
+    return g_node.view;
+}
 uint32_t logThreshold()
 {
     return g_node.threshold;

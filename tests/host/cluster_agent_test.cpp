@@ -29,6 +29,7 @@ class CuttableStore : public host::Store {
 public:
     explicit CuttableStore(host::Store &inner) : inner_(&inner) {}
     std::atomic<bool> cut = false;
+    int callsBeforeLoss = -1; // the call after that many is lost; -1 = none
     host::StoreCallback tell; // the callback of the last watch
 
     // From then on it is another store.
@@ -36,31 +37,37 @@ public:
 
     host::StoreWrite create(const std::string &key, const std::string &value, host::StoreLease lease) override
     {
-        return cut ? host::StoreWrite{} : inner_->create(key, value, lease);
+        return lost() ? host::StoreWrite{} : inner_->create(key, value, lease);
     }
-    host::StoreRead read(const std::string &key) override { return cut ? host::StoreRead{} : inner_->read(key); }
+    host::StoreRead read(const std::string &key) override { return lost() ? host::StoreRead{} : inner_->read(key); }
     host::StoreRead readBack(const std::string &key, uint64_t version) override
     {
-        return cut ? host::StoreRead{} : inner_->readBack(key, version);
+        return lost() ? host::StoreRead{} : inner_->readBack(key, version);
     }
     host::StoreWrite write(const std::string &key, const std::string &value, uint64_t version,
                            host::StoreLease lease) override
     {
-        return cut ? host::StoreWrite{} : inner_->write(key, value, version, lease);
+        return lost() ? host::StoreWrite{} : inner_->write(key, value, version, lease);
     }
     host::StoreWrite remove(const std::string &key, uint64_t version) override
     {
-        return cut ? host::StoreWrite{} : inner_->remove(key, version);
+        return lost() ? host::StoreWrite{} : inner_->remove(key, version);
     }
-    host::StoreList list(const std::string &prefix) override { return cut ? host::StoreList{} : inner_->list(prefix); }
-    host::StoreGrant grant(std::chrono::seconds ttl) override { return cut ? host::StoreGrant{} : inner_->grant(ttl); }
+    host::StoreList list(const std::string &prefix) override
+    {
+        return lost() ? host::StoreList{} : inner_->list(prefix);
+    }
+    host::StoreGrant grant(std::chrono::seconds ttl) override
+    {
+        return lost() ? host::StoreGrant{} : inner_->grant(ttl);
+    }
     host::StoreGrant keepAlive(host::StoreLease lease) override
     {
-        return cut ? host::StoreGrant{} : inner_->keepAlive(lease);
+        return lost() ? host::StoreGrant{} : inner_->keepAlive(lease);
     }
     host::StoreResult revoke(host::StoreLease lease) override
     {
-        return cut ? host::StoreResult::unknown : inner_->revoke(lease);
+        return lost() ? host::StoreResult::unknown : inner_->revoke(lease);
     }
     std::unique_ptr<host::StoreWatch> watch(const std::string &prefix, uint64_t revision,
                                             host::StoreCallback callback) override
@@ -75,6 +82,8 @@ public:
     host::StoreStatus status() const override { return inner_->status(); }
 
 private:
+    bool lost() { return callsBeforeLoss-- == 0 || cut; }
+
     host::Store *inner_;
 };
 
@@ -297,6 +306,30 @@ TEST_F(Cluster, SaysThatItsStoreDoesNotAnswer)
     EXPECT_EQ(refusal([&] { host::keepClientAlive(far, 1); }), silent);
     EXPECT_EQ(refusal([&] { host::readView(far); }), silent);
     EXPECT_EQ(view(), "[7+]");
+}
+
+TEST_F(Cluster, LeavesNoClientRunningThatHasNoProcessWhenAnyCallToTheStoreIsLost)
+{
+    std::string outcome = "lost";
+    for (int calls = 0; outcome != "done"; ++calls) {
+        ASSERT_LT(calls, 30);
+        CuttableStore lossy(*store);
+        lossy.callsBeforeLoss = calls;
+        bool lossCame = true;
+        outcome = refusal([&] {
+            host::joinClient(lossy, {7, 1, 3s, {}});
+            lossCame = lossy.callsBeforeLoss < 0;
+        });
+        if (outcome == "done" && lossCame) {
+            outcome = "done in spite of the loss";
+        }
+        now += 3001;
+        host::breakHearts(*store);
+
+        EXPECT_THAT(view(), testing::AnyOf("[]", "[7-3]")) << "call " << calls;
+        EXPECT_EQ(refusal([this] { join(7); }), "done") << "call " << calls;
+        host::removeClient(*store, 7);
+    }
 }
 
 TEST_F(Cluster, LosesNoChangeOfTwoThatChangeAtOnce)

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <gmock/gmock.h>
 #include <nasctrl/host/notify.h>
+#include <nasctrl/shard_view.h>
 #include <thread>
 
 namespace {
@@ -21,19 +22,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr uint32_t kNodeFault = 5;
-
-// The library's forms of what a vnode move carries.
-struct Record {
-    uint32_t fsp, shard;
-    uint16_t from, to;
-    uint8_t reserved[8];
-};
-struct Payload {
-    uint64_t reserved0, reserved8;
-    uint32_t count;
-    Record *records;
-    uint64_t reserved32;
-};
 
 int32_t registerEvent(uint32_t module, uint32_t event, const std::string &name)
 {
@@ -154,8 +142,8 @@ TEST_F(Notifications, AreNotRegisteredWithoutModuleNumberRecordOrName)
 
 TEST_F(Notifications, OfAVnodeMoveCarryItsRecordsInPlaceOfTheirAddress)
 {
-    Record records[] = {{1, 2, 3, 4, {}}, {5, 6, 65535, 8, {}}};
-    Payload payload{0, 0, 2, records, 0};
+    migration_record records[] = {{1, 2, 3, 4, {}}, {5, 6, 65535, 8, {}}};
+    migration_payload payload{0, 0, 2, records, 0};
     EXPECT_EQ(tell(kNotifyFmm, 1, reinterpret_cast<uintptr_t>(&payload)), 0);
     records[0] = {}; // the stream keeps copies
     EXPECT_EQ(first().data, 0U);
@@ -165,8 +153,8 @@ TEST_F(Notifications, OfAVnodeMoveCarryItsRecordsInPlaceOfTheirAddress)
 
 TEST_F(Notifications, OfAMoveOfManyCarryTheFirstRecordsAndTheirNumber)
 {
-    std::vector<Record> records(4096);
-    Payload payload{0, 0, 4096, records.data(), 0};
+    std::vector<migration_record> records(4096);
+    migration_payload payload{0, 0, 4096, records.data(), 0};
     EXPECT_EQ(tell(kNotifyDlg, 2, reinterpret_cast<uintptr_t>(&payload)), 0);
     EXPECT_EQ(first().moves.size(), host::kMaxEventMoves);
     EXPECT_EQ(first().moveCount, 4096U);
@@ -174,17 +162,30 @@ TEST_F(Notifications, OfAMoveOfManyCarryTheFirstRecordsAndTheirNumber)
 
 TEST_F(Notifications, OfAMoveWithoutPayloadOrRecordsCarryNone)
 {
-    Payload payload{0, 0, 7, nullptr, 0};
+    migration_payload payload{0, 0, 7, nullptr, 0};
     EXPECT_EQ(tell(kNotifyFmm, 2, reinterpret_cast<uintptr_t>(&payload)), 0);
     EXPECT_EQ(tell(kNotifyFmm, 2, 0), 0);
     EXPECT_THAT(told(), ElementsAre("FMM VNODE_MOVEOUT 0", "FMM VNODE_MOVEOUT 0"));
     EXPECT_EQ(first().moveCount, 0U);
 }
 
+TEST_F(Notifications, WaitForWhoeverHoldsThemBackWhoMayTellHimself)
+{
+    std::jthread other;
+    {
+        const host::NotifyHold hold;
+        other = std::jthread([] { tell(kNotifyFmm, kNodeFault, 2); });
+        EXPECT_EQ(tell(kNotifyDlg, kNodeFault, 1), 0);
+        EXPECT_THAT(told(), ElementsAre("DLG NODE_FAULT 1"));
+    }
+    other.join();
+    EXPECT_THAT(told(), ElementsAre("DLG NODE_FAULT 1", "FMM NODE_FAULT 2"));
+}
+
 TEST_F(Notifications, ThatMemoryIsTooShortForAreRefusedAndLeaveTheRestAsItWas)
 {
-    Record records[] = {{1, 2, 3, 4, {}}};
-    Payload payload{0, 0, 1, records, 0};
+    migration_record records[] = {{1, 2, 3, 4, {}}};
+    migration_payload payload{0, 0, 1, records, 0};
     notify_arg_t arg{};
     arg.data = reinterpret_cast<uintptr_t>(&payload);
     int32_t result = 0;

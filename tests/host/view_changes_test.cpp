@@ -109,6 +109,31 @@ TEST_F(ViewChanges, CountsAClientThatIsGoneUnseenAsLost)
     EXPECT_EQ(fake::heldThreads(), 2U) << "the task thread, and one that clears the lost client's locks";
 }
 
+TEST_F(ViewChanges, TellsOfASecondFaultUnseen)
+{
+    answerReasons({host::kProcessFault});
+    host::tellMissedChanges(view(1, {faulty(7, 1, host::kHeartBreak)}),
+                            view(9, {faulty(7, 2, host::kProcessFault, 2)}));
+
+    EXPECT_THAT(told(), ElementsAre("DLG fault 7", "FMM fault 7"));
+}
+
+TEST_F(ViewChanges, TellsOfAFaultyClientThatJoinedUnseen)
+{
+    answerReasons({host::kHeartBreak});
+    host::tellMissedChanges(view(1, {}), view(9, {faulty(7, 1, host::kHeartBreak), running(8, 1, 4)}));
+
+    EXPECT_THAT(told(), ElementsAre("DLG fault 7", "FMM fault 7"));
+}
+
+TEST_F(ViewChanges, TellsOfThoseThatLeftAfterThoseThatFailed)
+{
+    answerReasons({host::kHeartBreak});
+    host::tellChange(view(1, {running(6, 1), running(7, 1)}), view(2, {faulty(7, 1, host::kHeartBreak)}));
+
+    EXPECT_THAT(told(), ElementsAre("DLG fault 7", "FMM fault 7", "DLG fault 6", "FMM fault 6"));
+}
+
 TEST_F(ViewChanges, TellsNothingWhereNothingWasMissed)
 {
     host::tellMissedChanges(view(1, {running(7, 1), faulty(8, 1, host::kHeartBreak)}),

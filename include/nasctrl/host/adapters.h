@@ -53,17 +53,18 @@ NASCTRL_API uint32_t LifIpEventAdpter(uint32_t event, const char *addr, uint32_t
 
 /* ---- the node's service addresses ---- */
 
+/* A service address of the node. */
 typedef struct {
-    uint32_t proto_type;
+    uint32_t proto_type;  /* the host's number */
     char addr[64];        /* NUL-terminated IPv4 or IPv6 text */
     uint32_t work_status; /* only IsIpWork and SetDefaultIpWorkstatus interpret it */
 } node_ip_entry;
 
 /* The answer of a query: a block of the memory pool with count entries. */
 __extension__ typedef struct {
-    int32_t result; /* 0 = success */
-    uint32_t count;
-    node_ip_entry entries[];
+    int32_t result;          /* 0 = success */
+    uint32_t count;          /* of entries */
+    node_ip_entry entries[]; /* count of them */
 } node_ip_list;
 
 /*
@@ -78,8 +79,8 @@ NASCTRL_API void SetDefaultIpWorkstatus(node_ip_entry *entry);
 
 /* One tenant's merged notices: changed is 1 when there was one, event_type the largest of their kinds. */
 typedef struct {
-    uint32_t changed;
-    uint32_t event_type;
+    uint32_t changed;    /* 1 when there was a notice */
+    uint32_t event_type; /* the largest kind of the notices */
 } tenant_change;
 
 /* Tells the tenant agent which tenants' LIFs changed: count of them in table, indexed by tenant id. Result is logged.

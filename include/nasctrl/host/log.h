@@ -9,7 +9,7 @@
 
 #include <nasctrl/base.h>
 
-#define NASCTRL_LOG_MODULE 666U
+#define NASCTRL_LOG_MODULE 666U /* the module number of every line of the library */
 
 /* Levels: the lower, the graver. */
 #define NASCTRL_LOG_ERROR 3U

@@ -40,11 +40,11 @@ typedef struct {
     list_link link; /* points at itself while not queued */
     void *owner;    /* handed to func */
     uint64_t zero0;
-    void (*func)(void *owner);
+    void (*func)(void *owner); /* the job itself */
     uint64_t zero1;
     int32_t minus_one; /* -1 */
     uint32_t pad;
-    uint64_t host_private;
+    uint64_t host_private; /* the queue's, while queued */
 } lwt_work_t;
 
 /*

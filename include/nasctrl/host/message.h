@@ -25,8 +25,8 @@ typedef struct {
     uint32_t pad;
     uint32_t (*handler)(svr_msg_t *record); /* 8 */
     uint8_t zero[32];
-    uint8_t flag; /* 48: 1 */
-    uint8_t tail[7];
+    uint8_t flag;    /* 48: 1 */
+    uint8_t tail[7]; /* not used */
 } svr_module_reg_t;
 
 /* A synchronous call to the storage-side service. */

@@ -12,16 +12,16 @@ NASCTRL_BEGIN_DECLS
 
 /* What a read found. */
 typedef struct {
-    int64_t version;
+    int64_t version;   /* counts the writes */
     const void *value; /* length bytes, valid during the callback; null = the name holds no value */
-    uint32_t length;
+    uint32_t length;   /* of the value */
     uint32_t pad;
 } ns_info_t;
 
 /* What a write left behind; the library keeps the first two words as they are. */
 typedef struct {
-    uint64_t word0, word1;
-    uint64_t version;
+    uint64_t word0, word1; /* the host's */
+    uint64_t version;      /* of the value that was written */
 } ns_state_t;
 
 /* Ends a read: ret 0 with info, or an error code with info null. */

@@ -21,8 +21,8 @@ NASCTRL_API int32_t statis_string_handle_register(uint32_t kind,
 
 /* Names an event of a module that notifyCall may be given. */
 typedef struct {
-    char module_name[33];
-    char event_name[33];
+    char module_name[33]; /* NUL-terminated */
+    char event_name[33];  /* NUL-terminated */
     uint8_t zero[22];
 } notify_event_reg_t;
 
@@ -43,16 +43,16 @@ NASCTRL_API int32_t notifyCall(uint32_t module, uint32_t event, void *arg);
 
 /* A debug command. */
 typedef struct {
-    uint32_t header0, header1;
-    char module[32];
-    char command[64];
-    char usage[4504]; /* ends in "-v " where the command takes a text */
+    uint32_t header0, header1; /* not used */
+    char module[32];           /* NUL-terminated */
+    char command[64];          /* NUL-terminated */
+    char usage[4504];          /* ends in "-v " where the command takes a text */
     /*
      * buf holds the operator's text (NUL-terminated) on entry and the answer on return; null tells a command that takes
      * a text that there is none. Returns the answer's length, 0 for no answer, or the code of a failure.
      */
     int32_t (*handler)(char *buf, uint32_t size);
-    uint32_t tail0, tail1;
+    uint32_t tail0, tail1; /* not used */
 } pum_cmd_t;
 
 /* Registers a command; the record is copied. Returns 0, or an error code. */

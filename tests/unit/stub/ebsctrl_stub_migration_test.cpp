@@ -376,6 +376,18 @@ TEST_F(Modification, IsKeptByTheHandlersAlone)
     fake::runAllJobs();
 }
 
+// The node's LS id is read before each move event, so the view change is handled before the move-in is submitted.
+TEST_F(Modification, OutlivesAHandlerThatIsDoneBeforeTheNextIsSubmitted)
+{
+    setLocalLs(2);
+    serve({0, 3});
+    fake::during("CgwGetInitLocalLsId", [] { fake::runAllJobs(); });
+    EXPECT_EQ(FspModifyShardView(3, 2), 0U);
+    EXPECT_THAT(told(), ElementsAre("notifyCall(1, 0, 0)"));
+    EXPECT_THAT(handled(), ElementsAre("movein(3 to 1 of 1-2)"));
+    EXPECT_EQ(fake::liveBlocks(), 0U);
+}
+
 TEST_F(Modification, CreatesTheNodeOfANewFsp)
 {
     EXPECT_EQ(FspModifyShardView(3, 2), 0U);
@@ -554,7 +566,7 @@ TEST_F(Handler, OfAMoveWithoutAPayloadOnlyDropsItsReference)
     const auto handlers = handlersOf(2);
     ASSERT_EQ(handlers.size(), 3U);
     for (const fmm_handler handler : {handlers[0], handlers[2]}) {
-        fmm_buffer buffer{0, nullptr, 2};
+        fmm_buffer buffer{0, nullptr, 2, 0};
         handler(&buffer);
         handler(nullptr);
         EXPECT_EQ(buffer.refs, 1U);
@@ -567,7 +579,7 @@ TEST_F(Handler, OfANoticeHoldsTheLsInTheArgument)
     const fmm_handler fault = handlersOf(0)[1];
     const fmm_handler recovery = handlersOf(1)[3];
     const size_t before = fake::notices().size();
-    fmm_buffer buffer{0xFFFFFFFF01020304U, nullptr, 9};
+    fmm_buffer buffer{0xFFFFFFFF01020304U, nullptr, 9, 0};
     fault(&buffer);
     recovery(&buffer);
     EXPECT_EQ(buffer.refs, 7U);
@@ -584,7 +596,7 @@ TEST_F(Handler, OfANoticeHoldsTheLsInTheArgument)
 TEST_F(Handler, OfTheViewChangeNeedsNoEvent)
 {
     const fmm_handler view = handlersOf(2)[1];
-    fmm_buffer buffer{77, nullptr, 2};
+    fmm_buffer buffer{77, nullptr, 2, 0};
     view(&buffer);
     view(nullptr);
     EXPECT_EQ(buffer.refs, 1U);
