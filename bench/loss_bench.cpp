@@ -14,9 +14,12 @@
 #include <host/store_backends.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <filesystem>
-#include <future>
 #include <iostream>
+#include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -52,7 +55,7 @@ Clock::time_point waitFor(uint64_t &after, const std::string &module, const std:
     while (true) {
         const host::EventPage page = host::readEvents(after, 1, kPatience);
         if (page.events.empty()) {
-            throw std::runtime_error("no event " + module + " " + name);
+            throw std::runtime_error("no event " + name);
         }
         const host::Event &event = *page.events.front();
         after = event.number;
@@ -62,25 +65,49 @@ Clock::time_point waitFor(uint64_t &after, const std::string &module, const std:
     }
 }
 
+// When a watch of its own told that a client's key was removed.
+class Removals {
+public:
+    explicit Removals(host::Store &store)
+        : watch_(store.watch(host::kClientPrefix, store.list("").revision, [this](const host::StoreEvent &event) {
+              if (event.kind == host::StoreEvent::Kind::removed) {
+                  const std::scoped_lock lock(mutex_);
+                  times_.push_back(Clock::now());
+                  changed_.notify_all();
+              }
+          }))
+    {
+    }
+    Clock::time_point next()
+    {
+        std::unique_lock lock(mutex_);
+        if (!changed_.wait_for(lock, kPatience, [this] { return !times_.empty(); })) {
+            throw std::runtime_error("the watch does not tell of the removal");
+        }
+        const auto time = times_.front();
+        times_.pop_front();
+        return time;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Clock::time_point> times_;
+    std::unique_ptr<host::StoreWatch> watch_; // the last member, because it uses the others
+};
+
 struct Loss {
     double watch; // from the end of the lease to the watch's event
     double told;  // from there to FMM
 };
 
-Loss loseClient(host::Store &store, uint64_t &after)
+Loss loseClient(host::Store &store, Removals &removals, uint64_t &after)
 {
     const host::Membership member = host::joinClient(store, {kClient, 1, kTtl, {}});
     waitFor(after, "CM", "VIEW");
-    std::promise<Clock::time_point> removed;
-    const std::string key = host::kClientPrefix + std::to_string(kClient);
-    const auto watch = store.watch(key, store.list(key).revision, [&](const host::StoreEvent &event) {
-        if (event.kind == host::StoreEvent::Kind::removed) {
-            removed.set_value(Clock::now());
-        }
-    });
     const auto begin = Clock::now();
     store.revoke(member.lease);
-    const auto seen = removed.get_future().get();
+    const auto seen = removals.next();
     const auto told = waitFor(after, "FMM", "NODE_FAULT");
     return {microseconds(seen - begin), microseconds(told - seen)};
 }
@@ -91,9 +118,11 @@ void loseClients(benchmark::State &state)
     std::vector<double> watch;
     std::vector<double> told;
     uint64_t after = 0;
-    waitFor(after, "CM", "MASTER");
+    waitFor(after, "CM", "VIEW"); // the empty one
+    Removals removals(*store);
+    loseClient(*store, removals, after); // the watches are at work by then
     for (auto _ : state) {
-        const Loss loss = loseClient(*store, after);
+        const Loss loss = loseClient(*store, removals, after);
         watch.push_back(loss.watch);
         told.push_back(loss.told);
         state.SetIterationTime(loss.told / 1e6);

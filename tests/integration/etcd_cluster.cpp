@@ -76,7 +76,7 @@ std::string urlOf(const std::string &address, std::set<uint16_t> &taken)
 
 } // namespace
 
-EtcdCluster::EtcdCluster(size_t members, std::string address, std::vector<std::string> prefix)
+EtcdCluster::EtcdCluster(size_t members, const std::string &address, std::vector<std::string> prefix)
     : prefix_(std::move(prefix))
 {
     std::set<uint16_t> ports;

@@ -19,7 +19,7 @@ struct Change {
 class EtcdCluster {
 public:
     // All of them serve when it returns. Commands begin with the prefix, and the members listen at the address.
-    EtcdCluster(size_t members, std::string address, std::vector<std::string> prefix = {});
+    EtcdCluster(size_t members, const std::string &address, std::vector<std::string> prefix = {});
     ~EtcdCluster();
     EtcdCluster(const EtcdCluster &) = delete;
     EtcdCluster &operator=(const EtcdCluster &) = delete;
