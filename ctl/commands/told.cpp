@@ -39,8 +39,8 @@ std::string movesText(const json &event)
 // What an event is about: an LS, or moves.
 static std::string aboutText(const json &event)
 {
-    const std::string data = shown(event.at("data")).text;
-    return data != "0" ? "LS " + data : movesText(event);
+    const json &data = event.at("data");
+    return data == json("0") ? movesText(event) : "LS " + shown(data).text;
 }
 
 std::string toldText(const json &answer, bool colour)
