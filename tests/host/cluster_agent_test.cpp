@@ -1,6 +1,7 @@
 // Nodes of a cluster in one process: agents on one store, and one clock that a test moves.
 #include "cluster/cluster_agent.h"
 #include "recorded_log.h"
+#include "temp_dir.h"
 
 #include <atomic>
 #include <filesystem>
@@ -13,16 +14,6 @@ using testing::IsEmpty;
 using namespace std::chrono_literals;
 
 namespace {
-
-class TempDir {
-public:
-    TempDir() { mkdtemp(path_.data()); }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    std::string file(const std::string &name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_ = "/tmp/nasctrl-cm.XXXXXX";
-};
 
 // A store that can be cut off from one node, or be taken for another.
 class CuttableStore : public host::Store {

@@ -3,6 +3,8 @@
  */
 #pragma once
 
+#include "temp_dir.h"
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -128,22 +130,4 @@ public:
 
 private:
     int fd_;
-};
-
-class TempDir {
-public:
-    TempDir()
-    {
-        char name[] = "/tmp/nasctrl-test-XXXXXX";
-        path_ = mkdtemp(name);
-    }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    std::string file(const std::string &name) const { return path_ + "/" + name; }
-    const std::string &path() const { return path_; }
-
-private:
-    std::string path_;
 };
