@@ -33,14 +33,13 @@ void bound(EventDetails &details)
 }
 
 // With s_lock held.
-void count(const Kind &kind)
+uint64_t &counterOf(const Kind &kind)
 {
     const auto known = s_counts.find(kind);
     if (known != s_counts.end()) {
-        ++known->second;
-        return;
+        return known->second;
     }
-    ++s_counts[s_counts.size() < kMaxEventKinds ? kind : Kind("other", "other")];
+    return s_counts[s_counts.size() < kMaxEventKinds ? kind : Kind("other", "other")];
 }
 
 uint64_t append(EventDetails details)
@@ -50,6 +49,7 @@ uint64_t append(EventDetails details)
     const auto event = std::make_shared<Event>();
     event->details = std::move(details);
     const std::lock_guard hold(s_lock);
+    uint64_t &counter = counterOf(kind); // here, where memory may still be short
     // Under the lock, so that times do not run against numbers.
     event->time = std::chrono::system_clock::now();
     event->number = s_newest + 1;
@@ -58,7 +58,7 @@ uint64_t append(EventDetails details)
     if (s_events.size() > kMaxEvents) {
         s_events.pop_front();
     }
-    count(kind);
+    ++counter;
     return event->number;
 }
 
