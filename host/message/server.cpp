@@ -99,8 +99,8 @@ void Server::admit(Connection::Socket socket)
     }
 }
 
-// Null when every slot is taken.
-Connection *Server::open(Connection::Socket socket, pid_t client)
+// Null when every slot is taken, and the socket stays the caller's.
+Connection *Server::open(Connection::Socket &&socket, pid_t client)
 {
     const std::scoped_lock hold(lock_);
     const auto free = std::find(open_.begin(), open_.end(), nullptr);

@@ -29,7 +29,7 @@ private:
     void onAccept(const boost::system::error_code &error, Connection::Socket socket);
     void acceptLater();
     void admit(Connection::Socket socket);
-    Connection *open(Connection::Socket socket, pid_t client);
+    Connection *open(Connection::Socket &&socket, pid_t client);
     void serve(Connection &connection);
     void close(const Connection &connection);
 
