@@ -73,7 +73,7 @@ static std::string indexTable(const json &answer, bool colour)
     if (fsps.is_null()) {
         return "the index is busy, ask again\n";
     }
-    const std::string count = std::to_string(fsps.size()) + " of " + answer.at("room").dump() + " places are taken\n";
+    std::string count = std::to_string(fsps.size()) + " of " + answer.at("room").dump() + " places are taken\n";
     if (fsps.empty()) {
         return count;
     }
