@@ -4,38 +4,19 @@
  * from a fiber, a change of fibers is.
  */
 #include "lwt/lwt.h"
+#include "percentile.h"
 #include "platform/log.h"
 
-#include <algorithm>
 #include <benchmark/benchmark.h>
 #include <boost/fiber/fiber.hpp>
-#include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 namespace {
 
 constexpr int kJobs = 20000;
 constexpr unsigned kWorkers = 1; // one worker, so that jobs of a fiber stay on its OS thread as a bare fiber does
-
-// Calls job so often and reports the median, which a scheduling hiccup does not move.
-void measure(benchmark::State &state, const std::function<void()> &job)
-{
-    std::vector<double> microseconds;
-    microseconds.reserve(kJobs);
-    for (auto _ : state) {
-        const auto start = std::chrono::steady_clock::now();
-        job();
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(took.count());
-        microseconds.push_back(took.count() * 1e6);
-    }
-    auto middle = microseconds.begin() + static_cast<std::ptrdiff_t>(microseconds.size() / 2);
-    std::nth_element(microseconds.begin(), middle, microseconds.end());
-    state.counters["median_us"] = *middle;
-}
 
 // A semaphore that a job raises.
 struct Done {
@@ -115,28 +96,28 @@ void newThread()
 void jobFromAFiber(benchmark::State &state)
 {
     void *work = queue();
-    onFiber([&] { measure(state, [work] { queueJob(work); }); });
+    onFiber([&] { bench::measureMedian(state, [work] { queueJob(work); }); });
 }
 BENCHMARK(jobFromAFiber)->UseManualTime()->Iterations(kJobs);
 
 void bareFiberFromAFiber(benchmark::State &state)
 {
     queue();
-    onFiber([&] { measure(state, bareFiber); });
+    onFiber([&] { bench::measureMedian(state, bareFiber); });
 }
 BENCHMARK(bareFiberFromAFiber)->UseManualTime()->Iterations(kJobs);
 
 void jobFromAThread(benchmark::State &state)
 {
     void *work = queue();
-    measure(state, [work] { queueJob(work); });
+    bench::measureMedian(state, [work] { queueJob(work); });
 }
 BENCHMARK(jobFromAThread)->UseManualTime()->Iterations(kJobs);
 
 void newThreadFromAThread(benchmark::State &state)
 {
     queue();
-    measure(state, newThread);
+    bench::measureMedian(state, newThread);
 }
 BENCHMARK(newThreadFromAThread)->UseManualTime()->Iterations(kJobs);
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <benchmark/benchmark.h>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,21 @@ inline double percentile(std::vector<double> &values, double part)
     const auto place = values.begin() + static_cast<std::ptrdiff_t>(index);
     std::nth_element(values.begin(), place, values.end());
     return *place;
+}
+
+// Calls so often as the benchmark wants, one after the other, and tells the median.
+template <typename Call>
+void measureMedian(benchmark::State &state, Call call)
+{
+    std::vector<double> microseconds;
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        call();
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        state.SetIterationTime(took.count());
+        microseconds.push_back(took.count() * 1e6);
+    }
+    state.counters["median_us"] = percentile(microseconds, 0.5);
 }
 
 inline void tell(benchmark::State &state, const std::string &name, std::vector<double> &microseconds)

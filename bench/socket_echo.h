@@ -1,13 +1,13 @@
 /*
- * What the benchmarks of messages share: blocking sends and receives, the median of what was measured, and the
- * reference: an echo over a bare pair of sockets.
+ * What the benchmarks of messages share: blocking sends and receives, and the reference, an echo over a bare pair of
+ * sockets.
  */
 #pragma once
 
-#include <algorithm>
+#include "percentile.h"
+
 #include <array>
 #include <benchmark/benchmark.h>
-#include <chrono>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
@@ -39,23 +39,6 @@ inline void receiveAll(int socket, char *bytes, size_t length)
     if (recv(socket, bytes, length, MSG_WAITALL) != static_cast<ssize_t>(length)) {
         throw std::runtime_error("recv");
     }
-}
-
-// One call after the other; reports the median, which a scheduling hiccup does not move.
-template <typename Call>
-void measureMedian(benchmark::State &state, Call call)
-{
-    std::vector<double> microseconds;
-    for (auto _ : state) {
-        const auto start = std::chrono::steady_clock::now();
-        call();
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(took.count());
-        microseconds.push_back(took.count() * 1e6);
-    }
-    auto middle = microseconds.begin() + static_cast<std::ptrdiff_t>(microseconds.size() / 2);
-    std::nth_element(microseconds.begin(), middle, microseconds.end());
-    state.counters["median_us"] = *middle;
 }
 
 // A request and its reply, sent and received as they are.

@@ -73,7 +73,8 @@ static std::string answerText(const nlohmann::ordered_json &answer, bool colour)
 // Whether the code tells that nobody took the question, or that whoever did has gone or keeps silent.
 static bool isUnanswered(const json &code)
 {
-    return code == -ETIMEDOUT || code == -ECONNREFUSED || code == -EPIPE || code == -ECONNRESET;
+    constexpr int kUnanswered[] = {-ETIMEDOUT, -ECONNREFUSED, -EPIPE, -ECONNRESET};
+    return std::ranges::any_of(kUnanswered, [&code](int each) { return code == each; });
 }
 
 static int ask(const Session &session, const std::string &question, const json &request)

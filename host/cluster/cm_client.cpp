@@ -423,7 +423,7 @@ uint32_t getLocalCtrlLsId(void)
 
 // ---- the library's empty entry points, with a host's behaviour
 
-// Reads the whole view and puts it where the library keeps it.
+// Reads the whole view; following it then puts it where the library keeps it.
 void NasCtrlHandleDpcEventAdapter(int32_t *result, uint32_t, void *)
 {
     ClusterAgent *agent = s_agent;

@@ -20,7 +20,7 @@ struct EtcdError : std::runtime_error {
 struct EtcdReply {
     bool refused = false;
     int code = 0; // of the refusal, as gRPC numbers it
-    nlohmann::json body;
+    nlohmann::json body = nlohmann::json::object();
 };
 
 constexpr int kEtcdNotFound = 5;    // a lease that has ended
