@@ -6,6 +6,7 @@
  * waits or is woken.
  */
 #include "lwt/waiter.h"
+#include "lwt/work_queue.h"
 #include "platform/log.h"
 
 #include <array>
@@ -99,6 +100,7 @@ void kvlwt_task_sem_down(kvlwt_task_sem_t *sem, uint32_t module, const char *fun
     Pending down;
     addPending(*semaphore, down);
     lock.unlock();
+    const host::LentPlace meanwhile;
     down.waiter.wait();
 }
 

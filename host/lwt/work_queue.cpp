@@ -1,14 +1,18 @@
 /*
- * The work queues of the contract: a queue owns a fixed number of worker records, some of which have a light-weight
- * thread at any time. A job is handed to a worker that is idle, to one that is started for it, or waits its turn.
+ * The work queues of the contract: a queue owns worker records, some of which have a light-weight thread at any time. A
+ * job is handed to a worker that is idle, to one that is started for it, or waits its turn. A worker whose job has lent
+ * its place does not count among those that the queue may have at most.
  *
  * A queue's mutex guards its workers' state and its waiting jobs; it is held for a few instructions, and while a worker
  * is started, but not while a job runs. A queue is never destroyed. Callable from every thread.
  */
+#include "lwt/work_queue.h"
+
 #include "lwt/waiter.h"
 #include "platform/log.h"
 
 #include <cerrno>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <nasctrl/host/lwt.h>
@@ -68,12 +72,8 @@ class WorkQueue {
 public:
     WorkQueue(LightThreads &threads, const Bounds &bounds) : threads_(threads), bounds_(bounds)
     {
-        workers_.resize(bounds.maxWorkers);
-        idle_.reserve(bounds.maxWorkers);
-        unstarted_.reserve(bounds.maxWorkers);
-        for (Worker &worker : workers_) {
-            worker.queue = this;
-            unstarted_.push_back(&worker);
+        for (uint32_t made = 0; made < bounds.maxWorkers; ++made) {
+            addUnstarted();
         }
     }
 
@@ -81,7 +81,7 @@ public:
     int32_t startWorkers()
     {
         const std::lock_guard lock(mutex_);
-        for (uint32_t started = 0; started < bounds_.minWorkers; ++started) {
+        while (started_ < bounds_.minWorkers) {
             Worker *worker = unstarted_.back();
             if (const int32_t result = startWorker(nullptr)) {
                 close();
@@ -106,10 +106,9 @@ public:
             }
             return 0;
         }
-        if (!unstarted_.empty()) {
+        if (active() < bounds_.maxWorkers) {
             const int32_t result = startWorker(job);
-            const bool nobodyElse = unstarted_.size() == workers_.size();
-            if (result == 0 || nobodyElse) {
+            if (result == 0 || started_ == 0) {
                 return result;
             }
         }
@@ -120,25 +119,89 @@ public:
         return 0;
     }
 
+    // The queue whose job the calling light-weight thread runs; null outside of jobs.
+    static WorkQueue *ofCaller()
+    {
+        LightThreads *threads = LightThreads::current();
+        const void *fiber = threads != nullptr ? threads->fiber() : nullptr;
+        Worker *worker = t_workers;
+        while (worker != nullptr && worker->fiber != fiber) {
+            worker = worker->next;
+        }
+        return worker != nullptr ? worker->queue : nullptr;
+    }
+
+    // Where a worker cannot be had for a job that waits, that job waits on.
+    void lendPlace()
+    {
+        const std::lock_guard lock(mutex_);
+        ++lent_;
+        if (jobs_.size() > 0) {
+            startWorker(nullptr);
+        }
+    }
+
+    void takePlaceBack()
+    {
+        const std::lock_guard lock(mutex_);
+        --lent_;
+    }
+
 private:
     struct Worker {
         WorkQueue *queue = nullptr;
         lwt_work_t *job = nullptr; // handed over, not yet begun
         Waiter *waiter = nullptr;  // while it sleeps
         bool idle = false;         // among the idle ones
+        void *fiber = nullptr;     // its light-weight thread's, null when that is an OS thread's only one
+        Worker *next = nullptr;    // of the same OS thread
     };
+
+    // Among the workers of the calling OS thread, which is the worker's as long as its light-weight thread lives.
+    static void enterThread(Worker &worker)
+    {
+        worker.fiber = LightThreads::current()->fiber();
+        worker.next = std::exchange(t_workers, &worker);
+    }
+    static void leaveThread(Worker &worker)
+    {
+        Worker **link = &t_workers;
+        while (*link != &worker) {
+            link = &(*link)->next;
+        }
+        *link = worker.next;
+    }
 
     static void runWorker(void *worker)
     {
         auto *own = static_cast<Worker *>(worker);
+        enterThread(*own);
         while (lwt_work_t *job = own->queue->nextJob(*own)) {
             job->func(job->owner);
         }
     }
 
-    // Under the lock. The worker begins with job, or without one.
+    // Under the lock. How many workers have a thread and their place.
+    uint32_t active() const { return started_ - lent_; }
+
+    void addUnstarted()
+    {
+        idle_.reserve(workers_.size() + 1);
+        unstarted_.reserve(workers_.size() + 1);
+        workers_.emplace_back().queue = this;
+        unstarted_.push_back(&workers_.back());
+    }
+
+    // Under the lock. The worker begins with job, or with one that waits.
     int32_t startWorker(lwt_work_t *job)
     {
+        if (unstarted_.empty()) {
+            try {
+                addUnstarted();
+            } catch (const std::bad_alloc &) {
+                return ENOMEM;
+            }
+        }
         Worker *worker = unstarted_.back();
         worker->job = job;
         const int32_t result = threads_.start({runWorker, worker});
@@ -147,6 +210,7 @@ private:
             return result;
         }
         unstarted_.pop_back();
+        ++started_;
         return 0;
     }
 
@@ -157,11 +221,14 @@ private:
         if (worker.job != nullptr) {
             return std::exchange(worker.job, nullptr);
         }
-        if (lwt_work_t *job = jobs_.take()) {
+        const bool tooMany = active() > bounds_.maxWorkers; // a place that was lent is taken back
+        if (lwt_work_t *job = tooMany ? nullptr : jobs_.take()) {
             return job;
         }
-        if (closed_ || workers_.size() - unstarted_.size() > bounds_.minWorkers) {
+        if (closed_ || started_ > bounds_.minWorkers) {
+            leaveThread(worker);
             unstarted_.push_back(&worker);
+            --started_;
             return nullptr;
         }
         Waiter waiter;
@@ -206,13 +273,20 @@ private:
 
     LightThreads &threads_;
     const Bounds bounds_;
+    // The workers of the calling OS thread. Its light-weight threads never change it, and none interrupts another.
+    static thread_local Worker *t_workers;
+
     std::mutex mutex_;
-    std::vector<Worker> workers_;
+    std::deque<Worker> workers_;
     std::vector<Worker *> idle_;      // asleep, or on their way there; none while jobs wait
     std::vector<Worker *> unstarted_; // without a light-weight thread
+    uint32_t started_ = 0;            // the others
+    uint32_t lent_ = 0;               // of those, the ones that have lent their place
     JobList jobs_;                    // that wait
     bool closed_ = false;
 };
+
+thread_local WorkQueue::Worker *WorkQueue::t_workers = nullptr;
 
 // Queues live as long as the process, those too whose workers could not all be started: some may still be ending.
 std::vector<std::unique_ptr<WorkQueue>> &keptQueues()
@@ -251,6 +325,20 @@ int32_t createQueue(const Bounds &bounds, WorkQueue **created)
 }
 
 } // namespace
+
+host::LentPlace::LentPlace() : queue_(WorkQueue::ofCaller())
+{
+    if (queue_ != nullptr) {
+        static_cast<WorkQueue *>(queue_)->lendPlace();
+    }
+}
+
+host::LentPlace::~LentPlace()
+{
+    if (queue_ != nullptr) {
+        static_cast<WorkQueue *>(queue_)->takePlaceBack();
+    }
+}
 
 void *lwt_workqueue_create(const char *name, uint32_t a, uint32_t b, uint32_t c)
 {

@@ -4,8 +4,10 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <deque>
 #include <fstream>
 #include <latch>
+#include <lwt/waiter.h>
 #include <memory>
 #include <mutex>
 #include <sys/resource.h>
@@ -49,28 +51,27 @@ int32_t enqueue(void *queue, Job &job)
     return lwt_work_enqueue(queue, &job.work);
 }
 
-// Holds jobs until it is opened, whatever runs them.
+// Holds jobs, in their workers' places, until it is opened.
 class Gate {
 public:
-    explicit Gate(uint32_t jobs) : jobs_(jobs), closed_(std::make_unique<kvlwt_task_sem_t>())
-    {
-        kvlwt_task_sem_init(closed_.get(), 1);
-    }
-    ~Gate() { kvlwt_task_sem_destroy(closed_.get()); }
-    Gate(const Gate &) = delete;
-    Gate &operator=(const Gate &) = delete;
-
     void pass()
     {
+        host::Waiter waiter;
+        const bool open = standAt(waiter);
         begun_.fetch_add(1);
         begun_.notify_all();
-        kvlwt_task_sem_down(closed_.get(), 666, "work_queue_test");
+        if (!open) {
+            waiter.wait();
+        }
     }
     void open()
     {
-        for (uint32_t n = 0; n < jobs_; ++n) {
-            kvlwt_task_sem_up(closed_.get(), 666, "work_queue_test");
+        const std::scoped_lock lock(lock_);
+        open_ = true;
+        for (host::Waiter *waiter : waiting_) {
+            waiter->wake();
         }
+        waiting_.clear();
     }
     // Until so many jobs stand at the gate.
     void waitForBegun(uint32_t jobs)
@@ -82,8 +83,19 @@ public:
     uint32_t begun() const { return begun_.load(); }
 
 private:
-    uint32_t jobs_;
-    std::unique_ptr<kvlwt_task_sem_t> closed_;
+    // Whether there is nothing to wait for.
+    bool standAt(host::Waiter &waiter)
+    {
+        const std::scoped_lock lock(lock_);
+        if (!open_) {
+            waiting_.push_back(&waiter);
+        }
+        return open_;
+    }
+
+    std::mutex lock_;
+    std::vector<host::Waiter *> waiting_;
+    bool open_ = false;
     std::atomic<uint32_t> begun_ = 0;
 };
 
@@ -129,7 +141,7 @@ TEST_P(WorkQueues, OfOneWorkerRunJobsInTheOrderOfTheirCalls)
 {
     constexpr int kJobs = 100;
     void *queue = create(1, 1, kJobs);
-    Gate gate(1);
+    Gate gate;
     Job first([&] { gate.pass(); });
     std::vector<int> order; // one worker, one job at a time
     std::vector<int> expected;
@@ -154,7 +166,7 @@ TEST_P(WorkQueues, RunAsManyJobsAtOnceAsTheyHaveWorkersAndNoMore)
     constexpr uint32_t kWorkers = 8;
     constexpr uint32_t kJobs = 50;
     void *queue = create(kWorkers, kWorkers, kJobs);
-    Gate gate(kJobs);
+    Gate gate;
     std::latch done(kJobs);
     std::atomic<int> inside = 0;
     std::atomic<int> tooMany = 0;
@@ -180,7 +192,7 @@ TEST_P(WorkQueues, RefuseAJobWhenTheyAreFullAndTakeItLater)
 {
     constexpr uint32_t kRoom = 8 + 1000;
     void *queue = create(8, 8, 1000);
-    Gate gate(kRoom + 1);
+    Gate gate;
     std::atomic<int> finished = 0;
     std::latch done(kRoom);
     Jobs jobs;
@@ -211,7 +223,7 @@ TEST_P(WorkQueues, RefuseAJobWhenTheyAreFullAndTakeItLater)
 TEST_P(WorkQueues, ThatLetNobodyWaitTakeAJobForEachWorker)
 {
     void *queue = create(2, 2, 0);
-    Gate gate(2);
+    Gate gate;
     std::latch done(2);
     const auto body = [&] {
         gate.pass();
@@ -231,7 +243,7 @@ TEST_P(WorkQueues, StartWorkersUpToTheirMaximumAndLetThemGoAgain)
 {
     void *queue = create(0, 3, 10);
     for (int round = 0; round < 3; ++round) {
-        Gate gate(5);
+        Gate gate;
         std::latch done(5);
         Jobs jobs;
         for (int n = 0; n < 5; ++n) {
@@ -266,6 +278,78 @@ TEST_P(WorkQueues, TakeJobsFromTheirOwnJobs)
     ASSERT_EQ(enqueue(queue, parent), 0);
     done.wait();
     EXPECT_EQ(refused, 0);
+}
+
+// A job that puts another into its own queue and waits for it.
+class Parent {
+public:
+    Parent(void *queue, std::latch &done)
+        : child_([this] { kvlwt_task_sem_up(&sem_, 666, "work_queue_test"); }), job_([this, queue, &done] {
+              kvlwt_task_sem_init(&sem_, 1);
+              EXPECT_EQ(::enqueue(queue, child_), 0);
+              kvlwt_task_sem_down(&sem_, 666, "work_queue_test");
+              kvlwt_task_sem_destroy(&sem_);
+              done.count_down();
+          })
+    {
+    }
+    int32_t enqueue(void *queue) { return ::enqueue(queue, job_); }
+
+private:
+    kvlwt_task_sem_t sem_{};
+    Job child_;
+    Job job_;
+};
+
+TEST_P(WorkQueues, LetEveryWorkersJobWaitForOneThatIsQueuedBehindThemAll)
+{
+    constexpr uint32_t kWorkers = 8;
+    constexpr uint32_t kParents = 50;
+    void *queue = create(kWorkers, kWorkers, 2 * kParents);
+    Gate gate;
+    Jobs holders;
+    std::latch held(kWorkers);
+    for (uint32_t n = 0; n < kWorkers; ++n) {
+        holders.push_back(std::make_unique<Job>([&] {
+            gate.pass();
+            held.count_down();
+        }));
+        ASSERT_EQ(enqueue(queue, *holders.back()), 0);
+    }
+    std::latch done(kParents);
+    std::deque<Parent> parents;
+    for (uint32_t n = 0; n < kParents; ++n) {
+        ASSERT_EQ(parents.emplace_back(queue, done).enqueue(queue), 0);
+    }
+    gate.open();
+    held.wait();
+    done.wait();
+}
+
+TEST_P(WorkQueues, TakeTheirPlacesBackAfterTheWait)
+{
+    void *queue = create(1, 2, 50);
+    std::latch waited(10);
+    std::deque<Parent> parents;
+    for (int n = 0; n < 10; ++n) {
+        ASSERT_EQ(parents.emplace_back(queue, waited).enqueue(queue), 0);
+    }
+    waited.wait();
+    std::latch done(40);
+    std::atomic<int> inside = 0;
+    std::atomic<int> tooMany = 0;
+    Jobs jobs;
+    for (int n = 0; n < 40; ++n) {
+        jobs.push_back(std::make_unique<Job>([&] {
+            tooMany += ++inside > 2;
+            std::this_thread::yield();
+            --inside;
+            done.count_down();
+        }));
+        ASSERT_EQ(enqueue(queue, *jobs.back()), 0);
+    }
+    done.wait();
+    EXPECT_EQ(tooMany, 0);
 }
 
 // Each job frees itself, so a queue that looked at one afterwards would be seen by a sanitizer.
@@ -312,7 +396,7 @@ TEST_P(WorkQueues, RefuseWhatIsNoJob)
 TEST_P(WorkQueues, RefuseAJobThatWaitsAlready)
 {
     void *queue = create(1, 1, 2);
-    Gate gate(1);
+    Gate gate;
     std::latch done(1);
     Job first([&] { gate.pass(); });
     Job waiting([&] { done.count_down(); });

@@ -50,7 +50,8 @@ typedef struct {
 /*
  * Makes a queue whose jobs run on light-weight threads. The library passes the name "Fmm LWT", 8, 8 and 1000, which a
  * host reads as workers at least, workers at most and jobs that may wait. Returns null when it cannot be had. A queue
- * lives as long as the process.
+ * lives as long as the process. The library's jobs wait, with a down, for jobs that they put into the same queue: a
+ * host should run another job in the place of one that waits, or eight that wait at once never go on.
  */
 NASCTRL_API void *lwt_workqueue_create(const char *name, uint32_t a, uint32_t b, uint32_t c);
 
