@@ -1,7 +1,6 @@
 #include "responder.h"
 
 #include "log.h"
-#include "machine.h"
 
 #include <cerrno>
 #include <utility>
@@ -28,8 +27,9 @@ bool looksAtMachine(const Data &data)
 
 } // namespace
 
-Responder::Responder(std::string dataFile)
-    : dataFile_(std::move(dataFile)), data_(std::make_shared<Data>(dataFile_.empty() ? Data() : loadData(dataFile_))),
+Responder::Responder(std::string dataFile, MachineReader machineReader)
+    : dataFile_(std::move(dataFile)), machineReader_(std::move(machineReader)),
+      data_(std::make_shared<Data>(dataFile_.empty() ? Data() : loadData(dataFile_))),
       machine_(std::make_shared<Machine>())
 {
     for (const Question &question : questions()) {
@@ -82,7 +82,7 @@ void Responder::followMachine()
 void Responder::readMachine()
 {
     try {
-        auto machine = std::make_shared<const Machine>(readMachineInterfaces());
+        auto machine = std::make_shared<const Machine>(machineReader_());
         const std::scoped_lock hold(lock_);
         machine_ = std::move(machine);
         isCurrent_ = following_;

@@ -7,8 +7,10 @@
 
 #include "answers.h"
 #include "control.h"
+#include "machine.h"
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -25,8 +27,12 @@ struct Reply {
 
 class Responder {
 public:
+    using Machine = std::vector<Interface>;
+    // The machine's interfaces as they are now; throws a std::exception where they cannot be told.
+    using MachineReader = std::function<Machine()>;
+
     // An empty path: no data, every list is empty. Throws std::runtime_error for a file that is refused.
-    explicit Responder(std::string dataFile);
+    explicit Responder(std::string dataFile, MachineReader machineReader = readMachineInterfaces);
 
     // Nothing when the request is to stay without a reply.
     std::optional<Reply> respond(const host::FrameHeader &header, Request request);
@@ -41,8 +47,6 @@ public:
     void readMachine();
 
 private:
-    using Machine = std::vector<Interface>;
-
     Reply control(uint32_t opcode, Request request);
     std::optional<Reply> ask(uint32_t type, Request request);
     Answer build(uint32_t type, Request request);
@@ -51,6 +55,7 @@ private:
     std::shared_ptr<const Machine> machineFor(const Data &data);
 
     const std::string dataFile_;
+    const MachineReader machineReader_;
     std::vector<QuestionState> questions_; // of the thread that responds
 
     std::mutex lock_; // of what follows, held for the copy of a pointer
