@@ -16,6 +16,7 @@
 
 #include "internal/log.h"
 #include "internal/registration.h"
+#include "internal/words.h"
 
 static_assert(offsetof(cm_ops, client_id) == 0);
 static_assert(offsetof(cm_ops, event) == 8);
@@ -244,7 +245,7 @@ void NasCtrlRegisterCMClient(uint32_t index, const cm_ops *ops)
 /* The id of the DPC view's consumer, which is not g_nasCtrlCMClientId. */
 void NasCtrlSetCmClientId(uint32_t id)
 {
-    g_nasDpcClientId = id;
+    nas::writeWord(g_nasDpcClientId, id);
 }
 
 uint32_t NasCtrlInitEdsDSName(void)

@@ -21,6 +21,7 @@
 #include "internal/locks.h"
 #include "internal/log.h"
 #include "internal/pool.h"
+#include "internal/words.h"
 
 static_assert(offsetof(kvos_spinlock_t, lock) == 0);
 static_assert(offsetof(kvos_spinlock_t, magic) == 8);
@@ -171,7 +172,7 @@ uint32_t NasCtrlHandleTryGetDpcViewAdapter(void *arg)
         if (n > 0) {
             kvos_msleep(kViewRetryMs);
         }
-        NasCtrlHandleDpcEventAdapter(&result, g_nasDpcClientId, arg);
+        NasCtrlHandleDpcEventAdapter(&result, nas::readWord(g_nasDpcClientId), arg);
         if (result == 0) {
             LOG_CLASS(1, "get Md full view succeed.");
             return NAS_OK;

@@ -86,7 +86,7 @@ void takeNewer(const char *func, const ns_info_t &info)
         LOG_CLASS_AS(func, 1, "NASCTRL_DPC: ns_getAsyn cb get verctrl null value.");
         return;
     }
-    if (info.length < sizeof(value)) {
+    if (info.length != 0 && info.length < sizeof(value)) { /* 0: the host does not tell */
         LOG_LINE_AS(func, NASCTRL_LOG_ERROR, "NASCTRL_DPC: ns_getAsyn cb get verctrl short value(%u).", info.length);
         return;
     }

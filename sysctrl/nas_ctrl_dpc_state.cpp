@@ -14,6 +14,7 @@
 
 #include "internal/bounded.h"
 #include "internal/log.h"
+#include "internal/words.h"
 
 static_assert(offsetof(notify_arg_t, data) == 0);
 static_assert(sizeof(notify_arg_t) == 72);
@@ -249,7 +250,8 @@ void NasReportRemovDpcStatustoCM(void)
         return;
     }
     LOG_CLASS(3, "DPC CM EVENT: report Ds Business Status success start.");
-    ret = CM_reportDsBusinessStatusAsyn(g_nasDpcClientId, &record, 1, NasRemovDpcClusterCallBack, nullptr);
+    ret =
+        CM_reportDsBusinessStatusAsyn(nas::readWord(g_nasDpcClientId), &record, 1, NasRemovDpcClusterCallBack, nullptr);
     if (ret != 0) {
         LOG_CLASS(3, "DPC CM EVENT: report Ds Business Status failed, error code(%d).", ret);
         return;

@@ -70,13 +70,17 @@ uint32_t AddVerToArry(uint32_t version, version_array *array)
 uint32_t PickUpVersInOneBracket(const char *open, const char *close, version_array *array)
 {
     char body[kBodyMax + 1] = {}; /* its last byte ends a body of the full length */
-    if (open == nullptr || close == nullptr || array == nullptr) {
-        LOG_NULL(open == nullptr ? "open" : close == nullptr ? "close" : "array", "NAS_INVALID", -1);
+    if (open == nullptr || close == nullptr) {
+        LOG_NULL(open == nullptr ? "open" : "close", "NAS_INVALID", -1);
         return NAS_INVALID;
     }
     if (close == open + 1) {
         LOG_CLASS(3, "NASCTRL_DPC: empty in Bracket.");
         return NAS_OK;
+    }
+    if (array == nullptr) {
+        LOG_NULL("array", "NAS_INVALID", -1);
+        return NAS_INVALID;
     }
     /* A close before its open is as long as no body can be, and refused like one that is too long. */
     const int ret = nas::memcpy_s(body, kBodyMax, open + 1, static_cast<size_t>(close - open - 1));
@@ -98,7 +102,7 @@ uint32_t ParseCompaVersListFromStr(const char *text, version_array *array)
         LOG_CLASS(3, "NASCTRL_DPC: local compa array is NULL.");
         return NAS_INVALID;
     }
-    if (array == nullptr) {
+    if (*text != '\0' && array == nullptr) {
         LOG_NULL("array", "NAS_INVALID", -1);
         return NAS_INVALID;
     }

@@ -7,6 +7,7 @@
  */
 #include "internal/bounded.h"
 #include "internal/log.h"
+#include "internal/words.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -50,7 +51,7 @@ svr_call_t makeCall(uint32_t type, const void *request, uint32_t length)
 /* Calls the handler of an opcode, in the name of the function that was notified. */
 int32_t callHandler(const char *func, uint32_t opcode, void *notice)
 {
-    const hdfs_ips_handler handler = g_hdfsGetIpsHandler[opcode];
+    const hdfs_ips_handler handler = nas::readWord(g_hdfsGetIpsHandler[opcode]);
     if (handler == nullptr) {
         LOG_NULL_AS(func, "handler", "-EINVAL", -EINVAL);
         return -EINVAL;
@@ -97,14 +98,14 @@ void HdfsGetIpsHandlerRegister(uint32_t opcode, hdfs_ips_handler handler)
         LOG_PROGRESS("HDFS_GET_IP: invalid opcode %u func %p", opcode, reinterpret_cast<void *>(handler));
         return;
     }
-    const hdfs_ips_handler old = g_hdfsGetIpsHandler[opcode];
+    const hdfs_ips_handler old = nas::readWord(g_hdfsGetIpsHandler[opcode]);
     if (old != nullptr) {
         /* The low half of the address is all that %x shows. */
         LOG_PROGRESS("HDFS_GET_IP: register opcode %u, addr:%x", opcode,
                      static_cast<unsigned>(reinterpret_cast<uintptr_t>(old)));
     }
     LOG_PROGRESS("HDFS_GET_IP: register success, opcode %u", opcode);
-    g_hdfsGetIpsHandler[opcode] = handler;
+    nas::writeWord(g_hdfsGetIpsHandler[opcode], handler);
 }
 
 void HdfsGetIpsHandlerUnregister(uint32_t opcode)
@@ -115,7 +116,7 @@ void HdfsGetIpsHandlerUnregister(uint32_t opcode)
         return;
     }
     LOG_PROGRESS("HDFS_GET_IP: unregister success, opcode %u", opcode);
-    g_hdfsGetIpsHandler[opcode] = nullptr;
+    nas::writeWord<hdfs_ips_handler>(g_hdfsGetIpsHandler[opcode], nullptr);
 }
 
 int32_t HdfsGetIpRegister(void)

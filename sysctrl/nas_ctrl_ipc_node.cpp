@@ -95,8 +95,12 @@ void CTRL_GetIpsLsidByCtrlIp(ctrl_ip_list *list)
     }
     for (uint32_t i = 0; i < list->count; ++i) {
         ctrl_ip_entry &entry = list->entries[i];
+        if (entry.pending == 0) {
+            continue;
+        }
         const nas::CutText<sizeof entry.ip> ip(entry.ip);
-        if (entry.pending != 0 && CTRL_GetEdsLsidByCtrlIp(ip.c_str(), &entry.lsId) == 0) {
+        const bool ended = memchr(entry.ip, '\0', sizeof entry.ip) != nullptr;
+        if (CTRL_GetEdsLsidByCtrlIp(ended ? entry.ip : ip.c_str(), &entry.lsId) == 0) {
             entry.pending = 0;
             LOG_PROGRESS("Use mangement add lock,ip:%s,lsid:%u.", ip.c_str(), entry.lsId);
         }

@@ -75,8 +75,10 @@ void NasIpMgrDeleteFromListWithoutLock(const char *addr, uint32_t protoType)
         LOG_NULL_VOID("addr");
         return;
     }
+    /* The text may be that of a record which goes. No record has one as long as the copy's room. */
+    const nas::CutText<NAS_IP_TEXT_SIZE + 1> wanted(addr);
     for (NasIpListNode &record : nas::IpRecords()) {
-        if (record.protoType != protoType || !sameText(record, addr)) {
+        if (record.protoType != protoType || !sameText(record, wanted.c_str())) {
             continue;
         }
         LOG_CLASS(0, "Delete nas IP(addr %s, protoType %u, status %d).", nas::IpText(record.addr).c_str(), protoType,

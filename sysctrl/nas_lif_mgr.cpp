@@ -217,7 +217,7 @@ uint32_t nas_lifport_info_init(void)
     /* The buckets appear only when they are whole: the IP monitor may be looking for them. */
     initBuckets(buckets);
     __atomic_store_n(&g_NfsLifPortInfo.buckets, buckets, __ATOMIC_RELEASE);
-    g_NfsLifPortInfo.find = nas_lifportid_hashfind;
+    __atomic_store_n(&g_NfsLifPortInfo.find, &nas_lifportid_hashfind, __ATOMIC_RELEASE);
     return NAS_OK;
 }
 

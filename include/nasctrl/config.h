@@ -1,6 +1,7 @@
 /*
  * The library's only door to its configuration: two files, loaded once, then asked. No value is cached and no key has
- * a default. Getters may be called from any thread once loading is done; they leave their outputs alone on failure.
+ * a default. Getters may be called from any thread once loading is done; they leave their outputs alone on failure,
+ * except that a text which does not fit, or an empty cluster type, leaves an empty one.
  * Unless a function says otherwise the result is 0, 1 (NAS_ERROR) for a failed read, or NAS_INVALID for a malformed
  * pair or a value that the host lacks.
  */

@@ -165,7 +165,7 @@ typedef struct fmm_buffer {
     uint64_t id;                /* low 32 bits: the LS of a fault or a recovery; else 0 */
     migration_payload *payload; /* or null */
     uint32_t refs;              /* counted atomically */
-    uint32_t holds;             /* the library's own; 0 in a new buffer */
+    uint32_t held;              /* the library's own; anything in a caller's buffer */
 } fmm_buffer;
 
 /* Handles an event on the FMM queue; the submission's reference is its to drop. */

@@ -36,7 +36,10 @@ inline uint32_t lsIdOfShard(uint32_t shardId)
     return shardId < NAS_SHARDS_MAX ? g_shardviewTbl.entries[shardId].lsId : NAS_INVALID;
 }
 
-/* Keep an event alive beside its references, and let it go again; whoever lets the last of both go frees it. */
+/*
+ * Keep a new event, which nobody else has, whatever becomes of its references; and let it go again, which frees it when
+ * none are left.
+ */
 void holdFmmBuffer(fmm_buffer *b);
 void releaseFmmBuffer(fmm_buffer *b);
 

@@ -1,7 +1,7 @@
 /*
  * The FMM event buffers, shared by the handlers of the queue "Fmm LWT" through a count of references, and the tasks in
  * which handlers wait there. No lock: the count is atomic, and whoever drops the last reference is alone with the
- * buffer. A hold is a reference of the library's own that refs does not show.
+ * buffer. A buffer that is held is not freed, whatever its count, until it is released.
  */
 #include <bit>
 #include <cerrno>
@@ -27,25 +27,33 @@ static_assert(offsetof(fmm_task, buffer) == 0 && offsetof(fmm_task, work) == 8 &
 
 namespace {
 
-/* References and holds as one word, so that exactly one caller sees the last of both go. */
-using Counts = uint64_t __attribute__((may_alias));
-constexpr Counts kReference = 1;
-constexpr Counts kHold = kReference << 32;
+/* References and the mark of a held buffer as one word, so that exactly one caller sees the end of both. */
+using State = uint64_t __attribute__((may_alias));
+constexpr State kReferences = 0xFFFFFFFF;
+/* A buffer of a caller's may have anything there, but for this. */
+constexpr State kHeld = State{0x48454C44} << 32;
 
-static_assert(offsetof(fmm_buffer, holds) == offsetof(fmm_buffer, refs) + 4 &&
+static_assert(offsetof(fmm_buffer, held) == offsetof(fmm_buffer, refs) + 4 &&
               std::endian::native == std::endian::little);
 
-void add(fmm_buffer *b, Counts what)
+State *stateOf(fmm_buffer *b)
 {
-    __atomic_fetch_add(reinterpret_cast<Counts *>(&b->refs), what, __ATOMIC_RELAXED);
+    return reinterpret_cast<State *>(&b->refs);
 }
 
-/* Frees the event when nothing but this was left. */
-void drop(fmm_buffer *b, Counts what)
+/* The state as it was before the references changed by so many, and nothing else with them. */
+State countReferences(fmm_buffer *b, int32_t change)
 {
-    if (__atomic_fetch_sub(reinterpret_cast<Counts *>(&b->refs), what, __ATOMIC_ACQ_REL) != what) {
-        return;
-    }
+    State was = __atomic_load_n(stateOf(b), __ATOMIC_RELAXED);
+    State next = 0;
+    do {
+        next = (was & ~kReferences) | ((was + static_cast<State>(change)) & kReferences);
+    } while (!__atomic_compare_exchange_n(stateOf(b), &was, next, true, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED));
+    return was;
+}
+
+void freeEvent(fmm_buffer *b)
+{
     if (b->payload != nullptr) {
         if (b->payload->records != nullptr) {
             POOL_FREE(b->payload->records);
@@ -59,25 +67,32 @@ void drop(fmm_buffer *b, Counts what)
 
 void nas::holdFmmBuffer(fmm_buffer *b)
 {
-    add(b, kHold);
+    *stateOf(b) = kHeld | b->refs;
 }
 
 void nas::releaseFmmBuffer(fmm_buffer *b)
 {
-    drop(b, kHold);
+    const State was = __atomic_fetch_and(stateOf(b), kReferences, __ATOMIC_ACQ_REL);
+    if (static_cast<int32_t>(was) <= 0) { /* below 0 when more were dropped than taken */
+        freeEvent(b);
+    }
 }
 
 void FspGetFmmBuffer(fmm_buffer *b)
 {
     if (b != nullptr) {
-        add(b, kReference);
+        countReferences(b, 1);
     }
 }
 
 void FspPutFmmBuffer(fmm_buffer *b)
 {
-    if (b != nullptr) {
-        drop(b, kReference);
+    if (b == nullptr) {
+        return;
+    }
+    const State was = countReferences(b, -1);
+    if ((was & kReferences) == 1 && (was & ~kReferences) != kHeld) {
+        freeEvent(b);
     }
 }
 

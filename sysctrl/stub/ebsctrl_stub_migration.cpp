@@ -127,18 +127,17 @@ bool moveNodes(const Migration &move, migration_record *records, uint32_t len, u
 
 /*
  * An event about count moved FSPs, which takes their records over; nobody holds a reference yet. Without memory null,
- * with the failed step in failed, and the records are freed.
+ * the failed step is told unless func is null, and then the records are freed.
  */
-fmm_buffer *makeEvent(nas::PoolPtr<migration_record> records, uint32_t count, const char *&failed)
+fmm_buffer *makeEvent(const char *func, nas::PoolPtr<migration_record> records, uint32_t count)
 {
     auto info = POOL_OWNER(POOL_NEW(migration_payload));
-    if (info == nullptr) {
-        failed = "(info == NULL)";
-        return nullptr;
-    }
-    auto *fmmBuffer = POOL_NEW(fmm_buffer);
+    auto *fmmBuffer = info != nullptr ? POOL_NEW(fmm_buffer) : nullptr;
     if (fmmBuffer == nullptr) {
-        failed = "(fmmBuffer == NULL)";
+        if (func != nullptr) {
+            LOG_FAILED_GOTO_AS(func, info == nullptr ? "(info == NULL)" : "(fmmBuffer == NULL)", "ERROR");
+        }
+        records.reset(); /* before the payload */
         return nullptr;
     }
     info->count = count;
@@ -192,10 +191,8 @@ bool tell(const char *func, const Migration &move, fmm_buffer *buffer)
 /* Makes the event of moved FSPs and tells of it under a reference of its own. */
 uint32_t announce(const char *func, const Migration &move, nas::PoolPtr<migration_record> records, uint32_t count)
 {
-    const char *failed = nullptr;
-    fmm_buffer *buffer = makeEvent(std::move(records), count, failed);
+    fmm_buffer *buffer = makeEvent(func, std::move(records), count);
     if (buffer == nullptr) {
-        LOG_FAILED_GOTO_AS(func, failed, "ERROR");
         return NAS_ERROR;
     }
     FspGetFmmBuffer(buffer);
@@ -233,8 +230,7 @@ uint32_t announceOne(const char *func, uint32_t fspId, const Migration &move)
         return NAS_ERROR;
     }
     *record = recordOf(fspId, move.dstShardId, move.src, move.dst);
-    const char *failed = nullptr; /* not logged here */
-    fmm_buffer *buffer = makeEvent(std::move(record), 1, failed);
+    fmm_buffer *buffer = makeEvent(nullptr, std::move(record), 1); /* silent, on purpose */
     if (buffer == nullptr) {
         return NAS_ERROR;
     }

@@ -67,7 +67,7 @@ void answerRead(ns_get_cb callback, void *context)
     const fake::Stored found = fake::stored();
     ns_info_t info = {found.version, nullptr, 0, 0};
     std::unique_ptr<char[]> bytes;
-    if (found.value) {
+    if (found.value && !found.value->empty()) {
         bytes = std::make_unique<char[]>(found.value->size());
         std::memcpy(bytes.get(), found.value->data(), found.value->size());
         info.value = bytes.get();

@@ -239,7 +239,7 @@ TEST_F(VersionNs, ANameWithoutAValueRaisesTheVersionOnly)
 // The fake host's value is exactly as long as told, so that a sanitizer sees a step outside.
 TEST_F(VersionNs, AValueTooShortForARecordRaisesTheVersionOnly)
 {
-    for (const uint32_t length : {0U, 1U, 15U}) {
+    for (const uint32_t length : {1U, 15U}) {
         Request request;
         s_nasctrlDpcNsStat = {};
         fake::reset();
@@ -261,6 +261,14 @@ TEST_F(VersionNs, ALongerValueIsReadAsFarAsTheRecordGoes)
     EXPECT_EQ(NasCtrlDpcNsGetAsycAdapter(&request.record), 0);
     expectLocal(3, 9, 44);
     EXPECT_THAT(fake::log(), ElementsAre(infoLine(9, 0)));
+}
+
+TEST_F(VersionNs, AValueWhoseLengthIsNotToldIsAWholeRecord)
+{
+    const std::string bytes = bytesOf({3, 0, 44});
+    const ns_info_t info = {9, bytes.data(), 0, 0};
+    GetNasCtrlDpcNsCb(0, &info, nullptr);
+    expectLocal(3, 9, 44);
 }
 
 TEST_F(VersionNs, AValueNeedsNoAlignment)

@@ -175,6 +175,16 @@ TEST_F(VersionList, NeedsATextAndAnArray)
     EXPECT_THAT(fake::logFuncs(), testing::Each("ParseCompaVersListFromStr"));
 }
 
+TEST_F(VersionList, NeedsNoArrayWithoutAVersion)
+{
+    EXPECT_EQ(ParseCompaVersListFromStr("", nullptr), 0U);
+    EXPECT_EQ(ParseCompaVersListFromStr("[]", nullptr), kInvalid);
+    const std::string empty = "[]";
+    EXPECT_EQ(PickUpVersInOneBracket(empty.data(), empty.data() + 1, nullptr), 0U);
+    EXPECT_THAT(fake::log(), ElementsAre("3 PROTOCOL: array is NULL, return NAS_INVALID(-1)!!!!!!!!!!!!",
+                                         "class 3 PROTOCOL: NASCTRL_DPC: empty in Bracket."));
+}
+
 TEST_F(VersionList, LinesAreLoggedByTheFunctionThatFindsTheFault)
 {
     version_array array = {};

@@ -110,6 +110,15 @@ TEST_F(IpList, DeletionExpectsTheMutexHeldInItsPlainForm)
 }
 
 // A record whose field is full can only come from outside; the two comparisons still hold to their widths.
+TEST_F(IpList, DeletionTakesTheTextOfARecordThatGoes)
+{
+    NasIpMgrAddToList("10.0.0.1", 3, 1);
+    NasIpMgrAddToList("10.0.0.1", 3, 1);
+    NasIpMgrDeleteFromList(reinterpret_cast<const NasIpListNode *>(g_iplistHead.next)->addr, 3);
+    EXPECT_THAT(listed(), IsEmpty());
+    EXPECT_EQ(fake::liveBlocks(), 0U);
+}
+
 TEST_F(IpList, PresenceLooksAt46CharactersAndDeletionAtTheWholeText)
 {
     NasIpMgrAddToList("x", 3, 0);

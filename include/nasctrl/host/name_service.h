@@ -14,7 +14,7 @@ NASCTRL_BEGIN_DECLS
 typedef struct {
     int64_t version;   /* counts the writes */
     const void *value; /* length bytes, valid during the callback; null = the name holds no value */
-    uint32_t length;   /* of the value */
+    uint32_t length;   /* of the value; 0 = not told, the value is a whole record */
     uint32_t pad;
 } ns_info_t;
 

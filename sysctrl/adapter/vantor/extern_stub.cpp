@@ -2,7 +2,7 @@
  * The configuration adapter: loads two files through the host, then answers typed questions about them, and passes
  * some questions on to the host.
  *
- * Owns g_dpcSwitch, a plain byte. No lock: the loaders run once at start, before any getter; getters keep nothing and
+ * Owns g_dpcSwitch, a plain byte that any thread may set and read. No lock: the loaders run once at start, before any getter; getters keep nothing and
  * run on any thread.
  */
 #include <algorithm>
@@ -18,6 +18,7 @@
 #include "internal/bounded.h"
 #include "internal/log.h"
 #include "internal/pool.h"
+#include "internal/words.h"
 
 static_assert(offsetof(data_slice_owner, owner) == 0);
 static_assert(offsetof(data_slice_owner, slice) == 8);
@@ -61,6 +62,7 @@ bool readValue(const char *func, const char *section, const char *key, char (&va
     if (!found) {
         LOG_FAILED_RETURN_AS(func, "ret != 0", "NAS_ERROR");
     }
+    value[Size - 1] = '\0'; /* whatever the host's reader has left there */
     return found;
 }
 
@@ -107,6 +109,7 @@ uint32_t getPairAddress(const Pair &pair, char *out, int len)
         LOG_FAILED_RETURN_AS(pair.func, "ret != 0", "NAS_ERROR");
         return NAS_ERROR;
     }
+    value[sizeof(value) - 1] = '\0';
     const char *colon = strchr(value, ':');
     if (colon == nullptr) {
         LOG_LINE_AS(pair.func, NASCTRL_LOG_ERROR, "Bad format pair:%s\n", value);
@@ -370,12 +373,12 @@ uint32_t FssGetDataSliceOwner(data_slice_owner *rec)
 
 void SetDpcSwitch(int on)
 {
-    g_dpcSwitch = on != 0;
+    nas::writeWord<uint8_t>(g_dpcSwitch, on != 0);
 }
 
 uint32_t GetDpcSwitch(void)
 {
-    return g_dpcSwitch;
+    return nas::readWord(g_dpcSwitch);
 }
 
 /* ---- entry points that are empty in this build ---- */

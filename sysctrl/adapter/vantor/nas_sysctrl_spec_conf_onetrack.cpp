@@ -19,6 +19,7 @@ uint32_t NasSysCtrlGetSpecificationConfigValue(const char *section, const char *
     if (ret != 0) {
         return static_cast<uint32_t>(ret);
     }
+    value[sizeof(value) - 1] = '\0'; /* whatever the host's reader has left there */
     *out = kvos_str_tou64(value);
     LOG_CLASS(1, "Get spec section:%s config:%s value:%llu success.", section, key, nas::llu(*out));
     return NAS_OK;

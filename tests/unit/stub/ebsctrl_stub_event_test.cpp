@@ -78,6 +78,19 @@ TEST_F(FmmEvent, MayLackRecordsOrPayload)
     EXPECT_EQ(fake::liveBlocks(), 0U);
 }
 
+// A caller need not clear what the record does not name.
+TEST_F(FmmEvent, MayHaveAnythingBesideItsReferences)
+{
+    fmm_buffer *buffer = makeEvent(1);
+    buffer->held = 0xA5A5A5A5;
+    FspGetFmmBuffer(buffer);
+    EXPECT_EQ(buffer->refs, 2U);
+    FspPutFmmBuffer(buffer);
+    EXPECT_EQ(buffer->held, 0xA5A5A5A5);
+    FspPutFmmBuffer(buffer);
+    EXPECT_EQ(fake::liveBlocks(), 0U);
+}
+
 TEST_F(FmmEvent, WithoutAReferenceIsNotFreed)
 {
     fmm_buffer buffer{};

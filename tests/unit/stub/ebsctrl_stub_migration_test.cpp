@@ -221,19 +221,23 @@ TEST_F(Migration, WithoutMemoryForItsEventFails)
         uint64_t nth;
         Texts log;
         const char *index;
+        std::vector<size_t> blocks; // that are still there when the line is logged
     };
     const std::vector<Row> rows = {
-        {1, {}, "0: 0 on 0 v0"},
-        {2, {"3 PROTOCOL: (info == NULL) is failed, goto ERROR!!!!!!!!!!!!"}, "0: 0 on 1 v1"},
-        {3, {"3 PROTOCOL: (fmmBuffer == NULL) is failed, goto ERROR!!!!!!!!!!!!"}, "0: 0 on 1 v1"},
+        {1, {}, "0: 0 on 0 v0", {}},
+        {2, {"3 PROTOCOL: (info == NULL) is failed, goto ERROR!!!!!!!!!!!!"}, "0: 0 on 1 v1", {1}},
+        {3, {"3 PROTOCOL: (fmmBuffer == NULL) is failed, goto ERROR!!!!!!!!!!!!"}, "0: 0 on 1 v1", {2}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.nth);
         SetUp();
         serve({0});
+        std::vector<size_t> blocks;
+        fake::during("kvlog", [&] { blocks.push_back(fake::liveBlocks()); });
         fake::failAllocation(row.nth);
         EXPECT_EQ(FspMigrationNode(1, 2, kFault), 1U);
         EXPECT_EQ(log(), row.log);
+        EXPECT_EQ(blocks, row.blocks);
         EXPECT_THAT(index(), ElementsAre(row.index));
         EXPECT_THAT(statuses(), ElementsAre("NORMAL 0", "NORMAL 0", "NORMAL 0"));
         EXPECT_EQ(fake::liveBlocks(), 0U);
@@ -506,6 +510,17 @@ TEST_F(Modification, WhoseLaterSubmissionIsRefusedDropsOneReferenceMore)
         }
         EXPECT_EQ(fake::locksHeld(), 0);
     }
+}
+
+TEST_F(Modification, WhoseLaterSubmissionIsRefusedFreesAnEventThatIsHandledAlready)
+{
+    serve({1});
+    setLocalLs(1);
+    shard::refuseSubmission(2);
+    fake::during("kvlog", [] { fake::runAllJobs(); });
+    EXPECT_EQ(FspModifyShardView(1, 1), 1U);
+    EXPECT_EQ(fake::queuedJobs(), 0U);
+    EXPECT_EQ(fake::liveBlocks(), 1U); // the refused task
 }
 
 // ---- the handlers
