@@ -129,7 +129,8 @@ constexpr Step kSteps[] = {
      [](const NodeOptions &o) {
          startLwt(o.lwtBackend, o.lwtWorkers);
          return 0;
-     }},
+     },
+     stopLwt},
     {"protocol modules",
      [](const NodeOptions &o) {
          configureModules(o.modules);
