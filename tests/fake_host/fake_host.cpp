@@ -16,6 +16,7 @@
 #include <nasctrl/host/lwt.h>
 #include <nasctrl/host/memory.h>
 #include <nasctrl/host/notify.h>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -62,17 +63,19 @@ struct State {
     std::vector<fake::Address> nodeIps;
     bool nodeIpsNull = false;
     int32_t nodeIpsListResult = 0;
-    std::map<uint32_t, uint32_t> tenants;
+    std::vector<tenant_change> tenants;
     const char *localDataAddr = "10.0.0.9";
     uint32_t masterLsId = 1;
     uint32_t clientId = 77;
     std::vector<uint32_t> cfgLsIds;
+    std::optional<uint32_t> cfgLsCount;
     std::map<std::string, uint32_t> ctrlIpLsIds;
 };
 
 // Not freed at the end of the program, so that blocks which the library keeps on purpose stay reachable.
 State *g_state = new State;
 std::atomic<int> g_locksHeld{0};
+std::atomic<kvos_spinlock_t *> g_lastSpinLock{nullptr};
 thread_local int t_spinDepth = 0;
 
 std::string join(const std::vector<std::string> &arguments)
@@ -244,6 +247,7 @@ void reset()
     delete g_state;
     g_state = new State;
     g_locksHeld = 0;
+    g_lastSpinLock = nullptr;
     t_spinDepth = 0;
     for (const auto clear : clearers()) {
         clear();
@@ -350,6 +354,11 @@ size_t liveBlocks(const std::string &func)
 int locksHeld()
 {
     return g_locksHeld;
+}
+
+kvos_spinlock_t *lastSpinLock()
+{
+    return g_lastSpinLock;
 }
 
 std::vector<std::string> callsUnderSpinLock()
@@ -491,10 +500,23 @@ void setNodeIpsNull(int32_t result)
     g_state->defaults["GetCurNodeIpListAdapter"] = result;
 }
 
-std::map<uint32_t, uint32_t> notifiedTenants()
+std::vector<tenant_change> notifiedTable()
 {
     const std::lock_guard guard(g_state->mutex);
     return g_state->tenants;
+}
+
+std::map<uint32_t, uint32_t> notifiedTenants()
+{
+    std::map<uint32_t, uint32_t> notified;
+    uint32_t id = 0;
+    for (const tenant_change &tenant : notifiedTable()) {
+        if (tenant.changed != 0) {
+            notified[id] = tenant.event_type;
+        }
+        ++id;
+    }
+    return notified;
 }
 
 void setLocalDataAddr(const char *addr)
@@ -519,6 +541,12 @@ void setCfgLsIds(const std::vector<uint32_t> &ids)
 {
     const std::lock_guard guard(g_state->mutex);
     g_state->cfgLsIds = ids;
+}
+
+void setCfgLsCount(uint32_t count)
+{
+    const std::lock_guard guard(g_state->mutex);
+    g_state->cfgLsCount = count;
 }
 
 void setCtrlIpLsId(const std::string &ip, uint32_t lsId)
@@ -601,6 +629,7 @@ void do_kvos_spinlock_lock(kvos_spinlock_t *lock)
     while (__atomic_exchange_n(&lock->lock, 1, __ATOMIC_ACQUIRE) != 0) {
         std::this_thread::yield();
     }
+    g_lastSpinLock = lock;
     ++g_locksHeld;
     ++t_spinDepth;
 }
@@ -853,8 +882,9 @@ int32_t GetCfgLsList(uint32_t *ids, uint32_t max, uint32_t *count)
 {
     const int64_t answer = calledFailable("GetCfgLsList", {number(max)});
     const std::lock_guard guard(g_state->mutex);
-    *count = std::min<uint32_t>(max, static_cast<uint32_t>(g_state->cfgLsIds.size()));
-    std::copy_n(g_state->cfgLsIds.begin(), *count, ids);
+    const uint32_t stored = std::min(max, static_cast<uint32_t>(g_state->cfgLsIds.size()));
+    std::copy_n(g_state->cfgLsIds.begin(), stored, ids);
+    *count = g_state->cfgLsCount.value_or(stored);
     return static_cast<int32_t>(answer);
 }
 
@@ -904,7 +934,8 @@ int32_t GetCurNodeIpListAdapter(node_ip_list **list)
 
 uint32_t IsIpWork(const node_ip_entry *entry)
 {
-    return entry->work_status;
+    const std::lock_guard guard(g_state->mutex);
+    return entry->work_status != 0 ? entry->work_status : static_cast<uint32_t>(nextAnswer("IsIpWork"));
 }
 void SetDefaultIpWorkstatus(node_ip_entry *entry)
 {
@@ -915,12 +946,7 @@ int32_t NasAuthAgentNsNotifyLifChange(uint32_t count, const tenant_change table[
 {
     const int64_t answer = called("NasAuthAgentNsNotifyLifChange", {number(count)});
     const std::lock_guard guard(g_state->mutex);
-    g_state->tenants.clear();
-    for (uint32_t tenant = 0; tenant < 1025; ++tenant) {
-        if (table[tenant].changed != 0) {
-            g_state->tenants[tenant] = table[tenant].event_type;
-        }
-    }
+    g_state->tenants.assign(table, table + 1025);
     return static_cast<int32_t>(answer);
 }
 

@@ -72,6 +72,8 @@ size_t liveBlocks(const std::string &func);
 
 // Host spin and reader-writer locks held at this moment, by anyone.
 int locksHeld();
+// The spin lock that was taken last, or null.
+kvos_spinlock_t *lastSpinLock();
 // Host calls made while the calling thread held a spin lock (logging excepted).
 std::vector<std::string> callsUnderSpinLock();
 
@@ -129,7 +131,10 @@ node_ip_list *makeIpList(const std::vector<Address> &addresses, int32_t result =
 void setNodeIps(const std::vector<Address> &addresses, int32_t listResult = 0, int32_t result = 0);
 void setNodeIpsNull(int32_t result);
 
-// The tenants of the last NasAuthAgentNsNotifyLifChange: id to event type, of those whose flag is set.
+// IsIpWork answers the work status of an entry; after answerAlways("IsIpWork", 1) every entry works.
+
+// The table of the last NasAuthAgentNsNotifyLifChange, and its tenants: id to event type, of those whose flag is set.
+std::vector<tenant_change> notifiedTable();
 std::map<uint32_t, uint32_t> notifiedTenants();
 
 // ---- texts and ids that adapters answer
@@ -138,6 +143,8 @@ void setLocalDataAddr(const char *addr); // default "10.0.0.9"; null = none
 void setMasterLsId(uint32_t id);         // default 1
 void setClientId(uint32_t id);           // CM_getEventInfo and the opened client; default 77
 void setCfgLsIds(const std::vector<uint32_t> &ids);
+// The number that GetCfgLsList stores, whatever the number of its ids.
+void setCfgLsCount(uint32_t count);
 void setCtrlIpLsId(const std::string &ip, uint32_t lsId); // unknown addresses answer 1
 
 } // namespace fake

@@ -133,6 +133,41 @@ TEST_F(ClusterList, OnlyTheLockedAdditionTakesTheLock)
     EXPECT_THAT(held, ElementsAre(1, 0));
 }
 
+TEST_F(ClusterList, LinesAboutIdsAreLoggedUnderTheLock)
+{
+    struct Row {
+        const char *name;
+        void (*act)();
+        std::vector<int> held; // at each line
+    };
+    const Row rows[] = {
+        {"addition of the local cluster", [] { nas_ctrl_add_to_cluster_list(0); }, {1}},
+        {"addition of an id that is there", [] { nas_ctrl_add_to_cluster_list(5); }, {1}},
+        {"removal", [] { nas_ctrl_remove_from_cluster_list(6); }, {1}},
+        {"removal of an absent id", [] { nas_ctrl_remove_from_cluster_list(77); }, {1}},
+        {"listing", [] { listed(); }, {1, 1, 1}},
+    };
+    for (const Row &row : rows) {
+        SetUp();
+        add({5, 6});
+        std::vector<int> held;
+        fake::during("kvlog", [&] { held.push_back(fake::locksHeld()); });
+        row.act();
+        EXPECT_EQ(held, row.held) << row.name;
+        EXPECT_EQ(fake::lastSpinLock(), &g_nas_cluster_id_list.lock) << row.name;
+        EXPECT_EQ(fake::locksHeld(), 0) << row.name;
+    }
+}
+
+TEST_F(ClusterList, AFullListIsReportedUnderTheLock)
+{
+    add({1, 2, 3, 4, 5, 6, 7, 8});
+    int held = -1;
+    fake::during("kvlog", [&] { held = fake::locksHeld(); });
+    EXPECT_EQ(nas_ctrl_add_to_cluster_list(9), 1U);
+    EXPECT_EQ(held, 1);
+}
+
 TEST_F(ClusterList, ARemovalLeavesAHoleThatTheNextAdditionFills)
 {
     add({1, 2, 3, 4});
@@ -153,6 +188,18 @@ TEST_F(ClusterList, RemovingAnAbsentIdIsLoggedAndSucceeds)
     EXPECT_EQ(g_nas_cluster_id_list.count, 0);
 }
 
+TEST_F(ClusterList, ARemovalEndsAtTheFirstOfTwoSlotsWithTheSameId)
+{
+    add({1, 7, 3});
+    g_nas_cluster_id_list.ids[5] = 7;
+    g_nas_cluster_id_list.count = 4;
+    forgetLog();
+    EXPECT_EQ(nas_ctrl_remove_from_cluster_list(7), 0U);
+    EXPECT_THAT(slots(), ElementsAre(1, 0, 3, 0, 0, 7, 0, 0));
+    EXPECT_EQ(g_nas_cluster_id_list.count, 3);
+    EXPECT_THAT(fake::log(), ElementsAre("6 PROTOCOL: Remove clusterID 7 success"));
+}
+
 TEST_F(ClusterList, RemovingTheLocalClusterDoesNothingWithoutTheLock)
 {
     int held = -1;
@@ -160,7 +207,9 @@ TEST_F(ClusterList, RemovingTheLocalClusterDoesNothingWithoutTheLock)
     EXPECT_EQ(nas_ctrl_remove_from_cluster_list(0), 0U);
     EXPECT_EQ(held, 0);
     EXPECT_EQ(g_nas_cluster_id_list.count, 0);
+    EXPECT_EQ(fake::lastSpinLock(), nullptr);
     EXPECT_THAT(fake::log(), ElementsAre("6 PROTOCOL: local clusterId 0 -nothing to do"));
+    EXPECT_EQ(fake::logLines().front().file, "nas_ctrl_cluster_list.cpp");
 }
 
 TEST_F(ClusterList, TheCountIsLoggedAfterTheLockIsReleased)

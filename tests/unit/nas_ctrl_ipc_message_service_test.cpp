@@ -12,14 +12,19 @@ namespace {
 
 std::vector<std::string> g_actions;
 
+void recordAction(const std::string &action)
+{
+    g_actions.push_back(action);
+    EXPECT_EQ(fake::locksHeld(), 0) << action;
+}
 void recordNotice(const std::string &name, const void *notice)
 {
     const std::string bytes(static_cast<const char *>(notice), 72);
-    g_actions.push_back(name + (bytes == std::string(72, '\0') ? "(zero)" : "(not zero)"));
+    recordAction(name + (bytes == std::string(72, '\0') ? "(zero)" : "(not zero)"));
 }
 uint32_t recordAddress(const std::string &name, const char *addr, uint32_t source)
 {
-    g_actions.push_back(name + "(" + addr + ", " + std::to_string(source) + ")");
+    recordAction(name + "(" + addr + ", " + std::to_string(source) + ")");
     return 1; // the result of an action is nobody's business
 }
 
@@ -60,6 +65,7 @@ protected:
     {
         fake::reset();
         g_actions.clear();
+        fake::during("kvlog", [] { EXPECT_EQ(fake::locksHeld(), 0) << fake::log().back(); });
     }
 
     // Hands over a message in a block of exactly its size, so that a sanitizer sees a step outside.
@@ -171,6 +177,8 @@ TEST_F(MessageService, ANoticeRunsTheActionOfItsKeyAndIsEchoed)
         EXPECT_THAT(fake::log(), ElementsAre("4 PROTOCOL: Print tenantId(12), key(" + std::string(row.key) +
                                              "), value(192.168.1.10), ret(0)."));
         EXPECT_THAT(fake::logFuncs(), ElementsAre("NasCtrlIpServiceNotifyCommand"));
+        EXPECT_EQ(fake::logLines().front().file, "nas_ctrl_ipc_message_service.cpp");
+        EXPECT_EQ(fake::lastSpinLock(), nullptr) << row.key;
     }
 }
 

@@ -14,6 +14,7 @@ struct Routine {
     void *a = nullptr;
     void *b = nullptr;
     uint32_t stateDuring = 99;
+    bool reportsSuccess = false;
 };
 Routine g_start;
 Routine g_stop;
@@ -24,6 +25,9 @@ int32_t run(Routine &routine, void *a, void *b)
     routine.a = a;
     routine.b = b;
     routine.stateDuring = GetNasPowerOnStatus();
+    if (routine.reportsSuccess) {
+        nas_ctrl_power_on_success();
+    }
     return routine.result;
 }
 int32_t start(void *a, void *b)
@@ -105,6 +109,26 @@ TEST_F(Power, PowerOnStaysGoingOnUntilTheHostReportsSuccess)
     nas_ctrl_power_on_success();
     EXPECT_EQ(GetNasPowerOnStatus(), NAS_POWER_ON);
     EXPECT_EQ(NasCtrlIsPowerOnComplete(), 1U);
+}
+
+TEST_F(Power, AStartThatReportsSuccessItselfLeavesTheServiceOn)
+{
+    registered(NAS_POWER_OFF);
+    g_start.reportsSuccess = true;
+    EXPECT_EQ(nas_ctrl_power_on(nullptr, nullptr), 0);
+    EXPECT_EQ(GetNasPowerOnStatus(), NAS_POWER_ON);
+    EXPECT_THAT(fake::log(), ElementsAre("6 PROTOCOL: power on success"));
+    EXPECT_EQ(fake::logLines().front().file, "nas_ctrl_power.cpp");
+}
+
+TEST_F(Power, AStartThatReportsSuccessAndThenFailsLeavesTheServiceOff)
+{
+    registered(NAS_POWER_OFF);
+    g_start.reportsSuccess = true;
+    g_start.result = -5;
+    EXPECT_EQ(nas_ctrl_power_on(nullptr, nullptr), 1);
+    EXPECT_EQ(GetNasPowerOnStatus(), NAS_POWER_OFF);
+    EXPECT_THAT(fake::log(), ElementsAre("3 PROTOCOL: start protocol failed -5"));
 }
 
 TEST_F(Power, PowerOnOfAServiceThatIsOnOrGoingOnStartsNothing)

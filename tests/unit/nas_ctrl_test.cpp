@@ -14,26 +14,32 @@ constexpr char kCmList[] = "10.1.0.1:4096,10.1.0.2:4096";
 // What the consumers were told, in order.
 std::vector<std::string> g_told;
 
+void tell(const std::string &what)
+{
+    g_told.push_back(what);
+    EXPECT_EQ(fake::locksHeld(), 0) << what;
+}
+
 template <int Entry>
 void onClientId(uint32_t id)
 {
-    g_told.push_back("client_id " + std::to_string(Entry) + " " + std::to_string(id));
+    tell("client_id " + std::to_string(Entry) + " " + std::to_string(id));
 }
 template <int Entry>
 void onEvent(void *event)
 {
-    g_told.push_back("event " + std::to_string(Entry) + " " + std::to_string(*static_cast<int32_t *>(event)));
+    tell("event " + std::to_string(Entry) + " " + std::to_string(*static_cast<int32_t *>(event)));
 }
 template <int Entry>
 uint32_t onCommand(void *cmd)
 {
-    g_told.push_back("command " + std::to_string(Entry) + " " + std::to_string(*static_cast<int32_t *>(cmd)));
+    tell("command " + std::to_string(Entry) + " " + std::to_string(*static_cast<int32_t *>(cmd)));
     return 1;
 }
 template <int Entry>
 void onStatus()
 {
-    g_told.push_back("status " + std::to_string(Entry));
+    tell("status " + std::to_string(Entry));
 }
 template <int Entry>
 cm_ops consumer()
@@ -52,6 +58,7 @@ protected:
         g_nasDpcClientId = 0;
         fake::setConfig("dpc.conf", "GLOBAL", "cm_ip_list", kCmList);
         fake::setConfig("dpc.conf", "OSK_MID_DPC", "dpc_data_ip", "eth0:10.0.0.1");
+        fake::during("kvlog", [] { EXPECT_EQ(fake::locksHeld(), 0) << fake::log().back(); });
     }
     void TearDown() override { EXPECT_EQ(fake::locksHeld(), 0); }
 
@@ -228,6 +235,7 @@ TEST_F(Requests, Opcode10IsAnsweredWithEightZeroBytes)
     EXPECT_EQ(fake::lastReply(), std::string(8, '\0'));
     EXPECT_THAT(fake::log(), ElementsAre("class 0 PROTOCOL: opcode 10 ret 0"));
     EXPECT_THAT(fake::logFuncs(), ElementsAre("nas_sysctrl_dispatch"));
+    EXPECT_EQ(fake::logLines().front().file, "nas_ctrl.cpp");
 }
 
 TEST_F(Requests, AFailedReplyIsTheResult)
@@ -268,7 +276,29 @@ TEST_F(Requests, OfAnUnknownOpcodeFail)
     EXPECT_EQ(fake::replies(), 0U);
 }
 
+TEST_F(Requests, TakeNoLock)
+{
+    sendOpcode(10);
+    sendOpcode(40);
+    sendOpcode(11);
+    send("abc");
+    EXPECT_THAT(fake::log(), testing::SizeIs(4));
+    EXPECT_EQ(fake::lastSpinLock(), nullptr);
+}
+
 // ---- CM traffic
+
+TEST_F(Control, CmTrafficTakesNoLock)
+{
+    int32_t record = 0;
+    registerAt(1, consumer<1>());
+    NasCtrlHandleClusterEvent(&record);
+    NasCtrlHandleCmCommand(&record);
+    NasCtrlHandleCmStatus();
+    EXPECT_THAT(g_told, ElementsAre("client_id 1 77", "event 1 0", "command 1 0", "status 1"));
+    EXPECT_THAT(fake::log(), testing::SizeIs(4));
+    EXPECT_EQ(fake::lastSpinLock(), nullptr);
+}
 
 TEST_F(Control, AnEventOfANewClientAsksForTheIdOnceForEachConsumer)
 {
@@ -283,6 +313,7 @@ TEST_F(Control, AnEventOfANewClientAsksForTheIdOnceForEachConsumer)
                                          "6 PROTOCOL: CM EVENT: Nas ctrl get clientID(91) ret(0)",
                                          "6 PROTOCOL: CM EVENT: Nas ctrl get clientID(91) ret(0)"));
     EXPECT_THAT(fake::logFuncs(), testing::Each("NasCtrlHandleClusterEvent"));
+    EXPECT_EQ(fake::logLines().front().file, "nas_ctrl.cpp");
 }
 
 TEST_F(Control, AConsumerIsToldIdZeroWhenTheLookupFails)

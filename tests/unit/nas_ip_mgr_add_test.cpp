@@ -185,6 +185,30 @@ TEST_F(IpAddition, ABatchTakesNoMoreEventsThanItsCount)
     EXPECT_EQ(fake::liveBlocks("NasIpMgr_CreateEvent"), 1U);
 }
 
+TEST_F(IpAddition, EntriesOfABatchThatGetNoEventStayZeroAndDoNotWork)
+{
+    runHeldThreadsAtWaits();
+    queue(ip::addresses(2));
+    NasIpMgrAddNewIpBatchInner(&pending, 4);
+    EXPECT_THAT(listed(), ElementsAre("10.0.0.1 3 63", "10.0.0.2 3 63"));
+    EXPECT_EQ(fake::heldThreads(), 2U);
+    EXPECT_THAT(ip::logStarting("6 PROTOCOL: The current"),
+                ElementsAre("6 PROTOCOL: The current ip: is invalid", "6 PROTOCOL: The current ip: is invalid"));
+    EXPECT_EQ(fake::liveBlocks(), 2U);
+}
+
+TEST_F(IpAddition, EntriesOfABatchThatGetNoEventAreOfNoFamilyWhereEveryEntryWorks)
+{
+    runHeldThreadsAtWaits();
+    fake::answerAlways("IsIpWork", 1);
+    queue(ip::addresses(2));
+    NasIpMgrAddNewIpBatchInner(&pending, 3);
+    EXPECT_THAT(listed(), ElementsAre("10.0.0.1 3 63", "10.0.0.2 3 63", " 0 0"));
+    EXPECT_THAT(ip::logStarting("3 "), ElementsAre("3 PROTOCOL: Invalid nas IP(addr , protoType 0).",
+                                                   "3 PROTOCOL: Nas IP(addr , protoType 0) invoke add failed(1)."));
+    EXPECT_EQ(fake::liveBlocks(), 3U);
+}
+
 // ---- in parallel
 
 TEST_F(IpAddition, ThirtyNewAddressesStart25ThreadsWaitForThemAndStartFiveMore)
@@ -291,6 +315,20 @@ TEST_F(IpAddition, ThreadsThatCannotBeStartedAskForTheRetryAndAreNotWaitedFor)
     EXPECT_EQ(g_needRetry, 1);
     EXPECT_EQ(faults::waits(), 2U);
     EXPECT_THAT(listed(), ElementsAre("10.0.0.2 3 0", "10.0.0.1 3 63", "10.0.0.3 3 63"));
+}
+
+TEST_F(IpAddition, WorkWithoutMemoryAsksForTheRetryAndIsNotWaitedFor)
+{
+    runHeldThreadsAtWaits();
+    fake::failAllocation(2);
+    addInParallel(ip::onNode(ip::addresses(3)));
+    EXPECT_EQ(g_needRetry, 1);
+    EXPECT_EQ(fake::heldThreads(), 2U);
+    EXPECT_EQ(faults::waits(), 2U);
+    EXPECT_EQ(ip::completions(), 0);
+    EXPECT_THAT(listed(), ElementsAre("10.0.0.2 3 0", "10.0.0.1 3 63", "10.0.0.3 3 63"));
+    EXPECT_THAT(ip::logStarting("3 "), ElementsAre("3 PROTOCOL: malloc ipInfo failed, ip(10.0.0.2, 3)"));
+    EXPECT_EQ(fake::liveBlocks(), 3U);
 }
 
 // ---- the addition thread

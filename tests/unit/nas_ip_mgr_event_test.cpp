@@ -59,6 +59,32 @@ TEST_F(IpEvents, NoticesAreTakenInTheOrderInWhichTheyWereQueued)
     EXPECT_EQ(fake::liveBlocks(), 0U);
 }
 
+// A queue's lock, by which it is known here.
+template <typename Take>
+kvos_spinlock_t *lockOf(Take takeFrom)
+{
+    takeFrom();
+    return fake::lastSpinLock();
+}
+
+TEST_F(IpEvents, TheStartInitialisesBothQueuesLocks)
+{
+    kvos_spinlock_t *events = lockOf(NasIpMgr_GetEventEntry);
+    kvos_spinlock_t *notices = lockOf(NasIpMgr_GetNotifyEventEntry);
+    ASSERT_NE(events, notices);
+    for (kvos_spinlock_t *lock : {events, notices}) {
+        ASSERT_NE(lock, nullptr);
+        *lock = {1, 2, 3, 4};
+    }
+    start();
+    for (const kvos_spinlock_t *lock : {events, notices}) {
+        EXPECT_EQ(lock->lock, 0U);
+        EXPECT_EQ(lock->magic, 0xDEAD4EADU);
+        EXPECT_EQ(lock->owner_cpu, 0xFFFFFFFFU);
+        EXPECT_EQ(lock->owner, ~uint64_t{0});
+    }
+}
+
 TEST_F(IpEvents, NullEventsAreNeitherQueuedNorFreed)
 {
     NasIpMgr_AddEvent(nullptr);
@@ -146,6 +172,21 @@ TEST_F(IpEvents, NoticesOfOneTenantAreMergedAndTheLargestKindWins)
     EXPECT_EQ(fake::log().back(), "6 PROTOCOL: notify tenants count(2) lif change result(-5)");
     EXPECT_EQ(fake::logFuncs().back(), "NasIpMgrNotifyEventHandle");
     EXPECT_EQ(fake::liveBlocks(), 0U);
+}
+
+TEST_F(IpEvents, TheHostGetsAFlagOf1AndTheKindOfEachTenantAndZeroForAllOthers)
+{
+    NasIpMgrAddNewNotifyEvent(7, 2);
+    NasIpMgrAddNewNotifyEvent(7, 5);
+    NasIpMgrAddNewNotifyEvent(1024, 6);
+    NasIpMgrNotifyEventHandle();
+    const std::vector<tenant_change> table = fake::notifiedTable();
+    ASSERT_EQ(table.size(), 1025U);
+    for (size_t tenant = 0; tenant < table.size(); ++tenant) {
+        const bool told = tenant == 7 || tenant == 1024;
+        EXPECT_EQ(table[tenant].changed, told ? 1U : 0U) << tenant;
+        EXPECT_EQ(table[tenant].event_type, tenant == 7 ? 5U : told ? 6U : 0U) << tenant;
+    }
 }
 
 TEST_F(IpEvents, KindsAreComparedAsUnsignedNumbersAndKind0IsANoticeToo)

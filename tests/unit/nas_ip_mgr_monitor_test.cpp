@@ -181,6 +181,14 @@ TEST_F(IpMonitor, TheSleepIsChosenBeforeThePass)
                 ElementsAre("kvos_10msleep(200)", "kvos_10msleep(200)", "kvos_10msleep(500)", "kvos_10msleep(60000)"));
 }
 
+TEST_F(IpMonitor, TheRetrysSleepIs5SecondsWithTheLongestPeriodToo)
+{
+    NasIpMgrSetIpQueryPeriod("600");
+    g_needRetry = 1;
+    runMonitor(2, [](int) {});
+    EXPECT_THAT(fake::calls("kvos_10msleep"), ElementsAre("kvos_10msleep(500)", "kvos_10msleep(60000)"));
+}
+
 TEST_F(IpMonitor, ANodeWhoseAddressesAreAllKnownKeepsTheShortSleep)
 {
     fake::setNodeIps(ip::onNode({"10.0.0.1"}));

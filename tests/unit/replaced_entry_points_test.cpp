@@ -28,6 +28,16 @@ int32_t InitNasCtrlDpcNs(void)
 {
     return g_nsResult;
 }
+uint32_t getDpcLsID(void)
+{
+    return 55;
+}
+uint32_t nas_ctrl_get_cluster_list(uint64_t *out, uint16_t *n)
+{
+    out[0] = 9;
+    *n = 1;
+    return 0xFFFFFFF9U;
+}
 
 namespace {
 
@@ -52,6 +62,21 @@ TEST_F(Replaced, ClusterInitLoadsTheServersFile)
 {
     EXPECT_EQ(extern_stub_init(), 1U);
     EXPECT_THAT(fake::calls("ProtoCfgLoadFile"), testing::IsEmpty());
+}
+
+TEST_F(Replaced, DpcLsIdIsTheLocalLsId)
+{
+    EXPECT_EQ(getLocalLsID(), 55U);
+    EXPECT_THAT(fake::calls(), testing::IsEmpty());
+}
+
+TEST_F(Replaced, ClusterListThatFailsIsLoggedAndPrintsNothing)
+{
+    char text[64] = "unset";
+    EXPECT_EQ(nas_ctrl_get_cluster_count_list(text, sizeof text), 1);
+    EXPECT_STREQ(text, "unset");
+    EXPECT_THAT(fake::log(), ElementsAre("3 PROTOCOL: getting cluster list failed: -7."));
+    EXPECT_THAT(fake::logFuncs(), ElementsAre("nas_ctrl_get_cluster_count_list"));
 }
 
 TEST_F(Replaced, TaskExecutorRunsOnTheTaskThread)

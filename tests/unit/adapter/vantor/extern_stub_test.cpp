@@ -43,6 +43,29 @@ TEST_F(Config, LoadingIsTriedThreeTimesWithASleepAfterEachFailure)
     EXPECT_THAT(fake::log(),
                 ElementsAre("class 0 PROTOCOL: load_cfg ini retry 3 -1.", "class 0 PROTOCOL: load_cfg ini retry 2 -1.",
                             "class 0 PROTOCOL: load_cfg ini retry 1 -1."));
+    EXPECT_THAT(fake::logFuncs(), ElementsAre("DpcInitExternStub", "DpcInitExternStub", "DpcInitExternStub"));
+    EXPECT_EQ(fake::logLines().front().file, "extern_stub.cpp");
+}
+
+TEST_F(Config, LoadingMaySucceedAtTheThirdAttempt)
+{
+    struct Row {
+        uint32_t (*load)();
+        const char *call;
+    };
+    const Row rows[] = {
+        {DpcInitExternStub, R"(kvos_cfg_init("/opt/marovesta/brisqueta/conf/dpc.conf"))"},
+        {nas_ctrl_cluster_init, R"(ProtoCfgLoadFile("/opt/ostrak/eds/eds-f/conf/EBSServer.cfg"))"},
+    };
+    for (const Row &row : rows) {
+        SetUp();
+        const std::string call = row.call;
+        fake::answer(call.substr(0, call.find('(')), {4, 5, 0});
+        EXPECT_EQ(row.load(), 0U) << call;
+        const std::string sleep = "kvos_msleep(5000)";
+        EXPECT_THAT(fake::calls(), ElementsAre(call, sleep, call, sleep, call));
+        EXPECT_THAT(fake::log(), testing::SizeIs(3)) << call;
+    }
 }
 
 TEST_F(Config, LoadingEndsWithTheFirstSuccess)
@@ -138,6 +161,17 @@ TEST_P(PairValues, AreMalformedWithoutAColon)
     EXPECT_THAT(fake::logFuncs(), ElementsAre(GetParam().logName));
 }
 
+TEST_P(PairValues, AreReadUpTo255Characters)
+{
+    char out[256];
+    set("eth0:" + std::string(250, '1'));
+    EXPECT_EQ(GetParam().get(out, sizeof out), 0U);
+    EXPECT_EQ(out, std::string(250, '1'));
+    set(std::string(255, '1'));
+    EXPECT_EQ(GetParam().get(out, sizeof out), 0xFFFFFFFFU);
+    EXPECT_THAT(fake::log(), ElementsAre("3 PROTOCOL: Bad format pair:" + std::string(255, '1') + "\n"));
+}
+
 TEST_P(PairValues, FailWhenTheyAreMissing)
 {
     char out[64] = "unset";
@@ -218,6 +252,22 @@ TEST_F(Config, TheClusterIdIsADecimalShorterThanItsBound)
     EXPECT_EQ(id, 1234U);
 }
 
+TEST_F(Config, ClusterTypeAndIdAreReadUpTo127Characters)
+{
+    char out[128];
+    uint32_t id = 5;
+    const std::string type(127, 't');
+    fake::setConfig(kDpcConf, "GLOBAL", "cluster_type", type);
+    fake::setConfig(kDpcConf, "GLOBAL", "cm_cluster_id", std::string(124, '0') + "321");
+    EXPECT_EQ(DpcGetClusterType(out, sizeof out), 0U);
+    EXPECT_EQ(out, type);
+    EXPECT_EQ(DpcGetClusterId(&id, 128), 0U);
+    EXPECT_EQ(id, 321U);
+    EXPECT_THAT(fake::calls(), ElementsAre(R"(kvos_cfg_getItemValue("GLOBAL", "cluster_type", 128))",
+                                           R"(kvos_cfg_getItemValue("GLOBAL", "cm_cluster_id", 128))"));
+    EXPECT_THAT(fake::log(), IsEmpty());
+}
+
 TEST_F(Config, JunkIsTheNumberZero)
 {
     uint32_t id = 5;
@@ -291,6 +341,16 @@ TEST_F(Config, TheInodeNumberIsLoggedWithItsText)
     EXPECT_THAT(fake::calls(), ElementsAre(R"(kvos_cfg_getItemValue("GLOBAL", "inode_num", 256))"));
 }
 
+TEST_F(Config, AnInodeNumberIsReadUpTo255Characters)
+{
+    uint32_t number = 5;
+    const std::string text = std::string(252, '0') + "321";
+    fake::setConfig(kDpcConf, "GLOBAL", "inode_num", text);
+    EXPECT_EQ(getShimInodeCacheMaxNumber(&number), 0U);
+    EXPECT_EQ(number, 321U);
+    EXPECT_THAT(fake::log(), ElementsAre("6 PROTOCOL: get inode max num 321 " + text + " from cfg"));
+}
+
 TEST_F(Config, AMissingInodeNumberFailsAndAMissingOutputIsSilent)
 {
     uint32_t number = 5;
@@ -347,6 +407,20 @@ TEST_F(Config, StartThreadAndThreadNumberComeTogether)
     EXPECT_EQ(start, 12U);
     EXPECT_EQ(num, 34U);
     EXPECT_EQ(fake::calls().back(), R"(kvos_cfg_getItemValue("OSK_MID_DPC", "zus_thread_num", 64))");
+}
+
+TEST_F(Config, BusinessIdAndThreadsAreReadUpTo63Characters)
+{
+    uint32_t start = 5;
+    uint32_t num = 6;
+    const std::string zeros(61, '0');
+    fake::setConfig(kDpcConf, "GLOBAL", "business_cluster_id", zeros + "21");
+    fake::setConfig(kDpcConf, "OSK_MID_DPC", "zus_start_thread", zeros + "32");
+    fake::setConfig(kDpcConf, "OSK_MID_DPC", "zus_thread_num", zeros + "43");
+    EXPECT_EQ(getDpcBusinessClusterId(), 21U);
+    EXPECT_EQ(DpcGetZusStartThread(&start, &num), 0U);
+    EXPECT_EQ(start, 32U);
+    EXPECT_EQ(num, 43U);
 }
 
 TEST_F(Config, AMissingStartThreadEndsTheReadingThere)
@@ -429,15 +503,43 @@ TEST_F(Config, OnlyTheReturnedIdsArePaired)
     EXPECT_THAT(pairs, ElementsAre(11, 0, 3, 4, 5, 6));
 }
 
+TEST_F(Config, MoreIdsThanThereIsRoomForAreNotPaired)
+{
+    uint32_t count = 0;
+    const auto pairs = std::make_unique<uint32_t[]>(4); // exactly sized, so that a sanitizer sees a step outside
+    fake::setCfgLsIds({11, 12, 13});
+    fake::setCfgLsCount(3);
+    fake::answerAlways("CgwGetInitLocalLsId", 44);
+    EXPECT_EQ(CTRL_GetCfgLsList(pairs.get(), 2, &count), 0U);
+    EXPECT_EQ(std::vector<uint32_t>(pairs.get(), pairs.get() + 4), (std::vector<uint32_t>{11, 44, 12, 44}));
+    EXPECT_THAT(fake::calls("CgwGetInitLocalLsId"), testing::SizeIs(2));
+}
+
+TEST_F(Config, WithoutRoomNoIdIsPaired)
+{
+    uint32_t count = 5;
+    uint32_t pairs[2] = {1, 2};
+    fake::setCfgLsIds({11});
+    EXPECT_EQ(CTRL_GetCfgLsList(pairs, 0, &count), 0U);
+    EXPECT_EQ(count, 0U);
+    EXPECT_THAT(pairs, ElementsAre(1, 2));
+    EXPECT_THAT(fake::calls(), ElementsAre("GetCfgLsList(0)"));
+    EXPECT_THAT(fake::log(), IsEmpty());
+}
+
 TEST_F(Config, AFailedLsListGivesTheHostsCodeAndNoPairs)
 {
     uint32_t count = 0;
     uint32_t pairs[2] = {1, 2};
     size_t liveDuring = 0;
+    size_t liveAtTheLine = 0;
     fake::during("GetCfgLsList", [&] { liveDuring = fake::liveBlocks("CTRL_GetCfgLsList"); });
+    fake::during("kvlog", [&] { liveAtTheLine = fake::liveBlocks("CTRL_GetCfgLsList"); });
     fake::answer("GetCfgLsList", {-7});
     EXPECT_EQ(CTRL_GetCfgLsList(pairs, 1, &count), static_cast<uint32_t>(-7));
     EXPECT_EQ(liveDuring, 1U);
+    EXPECT_EQ(liveAtTheLine, 1U); // reported before it is freed
+    EXPECT_EQ(fake::liveBlocks(), 0U);
     EXPECT_THAT(pairs, ElementsAre(1, 2));
     EXPECT_THAT(fake::log(), ElementsAre("3 PROTOCOL: Error (-7)"));
     EXPECT_THAT(fake::logFuncs(), ElementsAre("CTRL_GetCfgLsList"));
