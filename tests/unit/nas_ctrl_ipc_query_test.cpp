@@ -1,4 +1,5 @@
 // The ten questions whose answer is copied for the caller: what each sends, logs, hands out and releases.
+#include "nas_ip_mgr_faults.h"
 #include <cstring>
 #include <fake_host.h>
 #include <functional>
@@ -212,7 +213,11 @@ Texts operator+(Texts left, const Texts &right)
 
 class Queries : public testing::Test {
 protected:
-    void SetUp() override { fake::reset(); }
+    void SetUp() override
+    {
+        fake::reset();
+        faults::reset();
+    }
 
     // Asks with an input of its own, on the heap and not a byte longer than what is sent.
     static int32_t ask(const Question &question, void **rsp, const std::string &bytes)
@@ -222,6 +227,17 @@ protected:
         return question.ask(input.get(), rsp);
     }
     static int32_t ask(const Question &question, void **rsp) { return ask(question, rsp, *question.request); }
+
+    // Which part of the one question that was asked each freed block was, in the order of their release.
+    static Texts freedParts()
+    {
+        Texts parts;
+        for (const fake::FreedBlock &block : fake::freedBlocks()) {
+            const bool isRequest = block.address == fake::upcalls().at(0).record.request;
+            parts.push_back(isRequest ? "request" : block.func == "svr_upcall_sync" ? "response" : "copy");
+        }
+        return parts;
+    }
 
     // An answer of each length comes through whole, with zeros up to the question's minimum behind it.
     void expectEveryLength(const Question &question, std::string (*answerOf)(size_t length))
@@ -343,6 +359,61 @@ TEST_F(Queries, PassTheCodeOfAFailedCallOnAndFreeWhatItLeft)
     }
 }
 
+TEST_F(Queries, FreeTheRequestBeforeTheResponse)
+{
+    for (const Question &question : questions()) {
+        for (const int32_t result : {0, -5}) {
+            fake::reset();
+            fake::answerUpcall(result, kAnswer);
+            ASSERT_EQ(ask(question, &output_), result);
+            EXPECT_THAT(freedParts(), ElementsAre("request", "response")) << question.name << " answered " << result;
+            if (result == 0) {
+                question.release(output_);
+            }
+        }
+    }
+}
+
+TEST_F(Queries, WhoseAnswerCannotBeCopiedFreeItBeforeTheCopy)
+{
+    for (const Question &question : questions()) {
+        SCOPED_TRACE(question.name);
+        fake::reset();
+        fake::answerUpcall(0, kAnswer);
+        fake::during("svr_upcall_sync", [] { faults::failCopy(1, 402); });
+        output_ = &untouched_;
+        EXPECT_EQ(ask(question, &output_), -12);
+        EXPECT_EQ(output_, &untouched_);
+        EXPECT_THAT(freedParts(), ElementsAre("request", "response", "copy"));
+        EXPECT_EQ(fake::liveBlocks(), 0U);
+        EXPECT_THAT(fake::log(),
+                    question.begin + callLine(question) +
+                        failed(question, "3 PROTOCOL: (ret != EOK) is failed(-12), goto OUT!!!!!!!!!!!!", -12));
+    }
+}
+
+TEST_F(Queries, WhoseRequestCannotBeCopiedSendNothing)
+{
+    for (const Question &question : questions()) {
+        if (question.request == &kFourZeroBytes) {
+            continue;
+        }
+        SCOPED_TRACE(question.name);
+        fake::reset();
+        fake::answerUpcall(0, kAnswer);
+        faults::failCopy(1, 402);
+        output_ = &untouched_;
+        EXPECT_EQ(ask(question, &output_), -12);
+        EXPECT_EQ(output_, &untouched_);
+        EXPECT_THAT(fake::calls(), IsEmpty());
+        EXPECT_EQ(fake::freedBlocks().size(), 1U);
+        EXPECT_EQ(fake::liveBlocks(), 0U);
+        EXPECT_THAT(fake::log(),
+                    question.begin +
+                        failed(question, "3 PROTOCOL: (ret != EOK) is failed(-12), goto OUT!!!!!!!!!!!!", -12));
+    }
+}
+
 TEST_F(Queries, TimeOutAfterThreeAttempts)
 {
     for (const Question &question : questions()) {
@@ -413,26 +484,50 @@ TEST_F(Queries, RefuseANullOutput)
     }
 }
 
+// A line of a question with another text in the place of its usual one.
+Texts with(Texts lines, const std::string &usual, const std::string &text)
+{
+    for (std::string &line : lines) {
+        line.replace(line.find(usual), usual.size(), text);
+    }
+    return lines;
+}
+
 TEST_F(Queries, ShowTextsWithoutAnEndCutToTheirWidth)
 {
-    const std::string ip(64, 'i');
-    const std::string subnet(64, 's');
-    fake::answerUpcall(0, words({0, 1}) + std::string(4172 - 8, 'd'));
-    ASSERT_EQ(ask(questions()[1], &output_, ip), 0);
-    FreeHdfsConf(output_);
-    EXPECT_EQ(fake::log()[0], "4 PROTOCOL: Begin GetHdfsConf by IP(" + ip + ").");
-    EXPECT_THAT(fake::log()[2], StartsWith("4 PROTOCOL: End GetHdfsConf by IP(" + ip +
-                                           "), response(result:0, fsid:1, dtreePath:ddddd"));
-    EXPECT_EQ(fake::upcalls()[0].request, ip);
+    for (const Question &question : questions()) {
+        if (question.request != &kIp && question.request != &kZone) {
+            continue;
+        }
+        const std::string usual = question.request == &kIp ? "10.1.2.3" : "sub-a";
+        const std::string text(64, 't');
+        const std::string sent = question.request->substr(0, question.request->size() - 64) + text;
+        for (const int32_t result : {0, -5}) {
+            SCOPED_TRACE(std::string(question.name) + " answered " + std::to_string(result));
+            fake::reset();
+            fake::answerUpcall(result, kAnswer);
+            // What lies behind the text is no part of it.
+            ASSERT_EQ(ask(question, &output_, sent + "beyond"), result);
+            const Texts middle = result == 0
+                                     ? callLine(question)
+                                     : callLine(question) + Texts{"3 PROTOCOL: ret is failed, goto OUT!!!!!!!!!!!!"};
+            EXPECT_THAT(fake::log(), with(question.begin, usual, text) + middle +
+                                         with(result == 0 ? question.success : question.failure, usual, text));
+            EXPECT_EQ(fake::upcalls()[0].request, sent);
+            if (result == 0) {
+                question.release(output_);
+            }
+        }
+    }
+}
 
-    fake::reset();
-    fake::answerUpcall(0, kAnswer);
-    ASSERT_EQ(ask(questions()[8], &output_, words({1, 2}) + subnet), 0);
-    nas_mem_comm_free(output_, "test", 0);
-    EXPECT_EQ(fake::log()[0], "4 PROTOCOL: Begin GetSubnetAllIpList subnet(" + subnet + ").");
-    EXPECT_EQ(fake::log()[2],
-              "4 PROTOCOL: Success, response(result: -3, ipCount: 4000000041), req subnet(" + subnet + ").");
-    EXPECT_EQ(fake::upcalls()[0].request, words({1, 2}) + subnet);
+TEST_F(Queries, ShowAnAnswersTextWithoutAnEnd)
+{
+    fake::answerUpcall(0, words({0, 1}) + std::string(4172 - 8, 'd'));
+    ASSERT_EQ(ask(questions()[1], &output_), 0);
+    FreeHdfsConf(output_);
+    EXPECT_THAT(fake::log()[2], StartsWith("4 PROTOCOL: End GetHdfsConf by IP(10.1.2.3), response(result:0, fsid:1, "
+                                           "dtreePath:ddddd"));
 }
 
 TEST_F(Queries, ForNeighboursSendTheirCountOfEntriesInThirtyTwoBits)

@@ -178,7 +178,7 @@ TEST_F(IpEvents, WithoutAValidNoticeTheHostIsNotCalled)
 TEST_F(IpEvents, ATableThatCannotBeClearedLeavesTheNoticesQueued)
 {
     NasIpMgrAddNewNotifyEvent(7, 2);
-    faults::failNextClear(406);
+    faults::failClear(1, 406);
     NasIpMgrNotifyEventHandle();
     EXPECT_EQ(fake::log().back(), "3 PROTOCOL: handle notify event, memset error(406)");
     EXPECT_THAT(fake::calls("NasAuthAgentNsNotifyLifChange"), IsEmpty());
