@@ -3,6 +3,7 @@
 using ip::hooks;
 using ip::listed;
 using ip::setHook;
+using ip::Texts;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -57,6 +58,35 @@ TEST_F(IpEvents, NoticesAreTakenInTheOrderInWhichTheyWereQueued)
     NasIpMgr_ReleaseNotifyEvent(first);
     NasIpMgr_ReleaseNotifyEvent(second);
     EXPECT_EQ(fake::liveBlocks(), 0U);
+}
+
+// Whether a record stands in a queue, whenever a lock was just taken or is about to be released.
+template <typename Event>
+std::function<void(const std::string &)> watch(const Event *ev, Texts &seen)
+{
+    return [ev, &seen](const std::string &func) {
+        seen.push_back(func + (ev->link.next != &ev->link ? " queued" : " alone"));
+    };
+}
+
+TEST_F(IpEvents, RecordsAreLinkedAndUnlinkedUnderTheirQueuesLock)
+{
+    Texts events;
+    Texts notices;
+    NasIpEvent *ev = NasIpMgr_CreateEvent("10.0.0.1", 0, 3);
+    NasIpNotifyEvent *notice = NasIpMgr_CreateNotifyEvent(7, 2);
+    fake::duringLocks(watch(ev, events));
+    NasIpMgr_AddEvent(ev);
+    take();
+    fake::duringLocks(watch(notice, notices));
+    NasIpMgr_AddNotifyEvent(notice);
+    NasIpMgr_GetNotifyEventEntry();
+    const Texts expected = {"do_kvos_spinlock_lock alone", "do_kvos_spinlock_unlock queued",
+                            "do_kvos_spinlock_lock queued", "do_kvos_spinlock_unlock alone"};
+    EXPECT_EQ(events, expected);
+    EXPECT_EQ(notices, expected);
+    NasIpMgr_ReleaseEvent(ev);
+    NasIpMgr_ReleaseNotifyEvent(notice);
 }
 
 TEST_F(IpEvents, NullEventsAreNeitherQueuedNorFreed)
@@ -281,7 +311,7 @@ TEST_F(IpEvents, NoticesAreDrainedBeforeEverySingleEvent)
     NasIpMgrDeleteOldIP("10.0.0.1", 3);
     NasIpMgrDeleteOldIP("10.0.0.2", 3);
     runHandler();
-    ip::Texts order = ip::logStarting("6 PROTOCOL: ");
+    Texts order = ip::logStarting("6 PROTOCOL: ");
     std::erase_if(order, [](const std::string &line) {
         return line.find("notify tenants") == std::string::npos && line.find("Handle event") == std::string::npos;
     });

@@ -293,7 +293,7 @@ TEST_F(Fmm, MoveOfACallerThatDoesNotWaitMayFail)
     EXPECT_THAT(fake::log(), ElementsAre("3 PROTOCOL: Error for memory short!"));
 }
 
-TEST_F(Fmm, MoveFillsEveryByteOfItsJobThatIsRead)
+TEST_F(Fmm, MoveFillsEveryFieldOfItsJob)
 {
     for (const uint8_t isLwt : {uint8_t{0}, uint8_t{1}}) {
         SCOPED_TRACE(int{isLwt});
