@@ -24,6 +24,7 @@ namespace {
 
 constexpr uint32_t kClassLevelBase = 1000;
 constexpr const char *kDpcConf = "dpc.conf";
+constexpr int kUncleared = 0xA5; // what every byte of a block holds that nobody asked to be cleared
 
 struct HeldThread {
     void *(*body)(void *);
@@ -44,10 +45,12 @@ struct State {
     std::map<std::string, std::deque<int64_t>> answers;
     std::map<std::string, int64_t> defaults;
     std::map<std::string, std::function<void()>> actions;
+    std::function<void(const std::string &)> lockAction;
     uint64_t failAllocation = 0;
     uint64_t failCall = 0;
     uint64_t failableCalls = 0;
     std::map<void *, std::string> blocks;
+    std::vector<fake::FreedBlock> freed;
     uint64_t clock = 0;
     uint64_t time = 0;
     bool timeFollowsClock = true;
@@ -76,6 +79,7 @@ struct State {
 State *g_state = new State;
 std::atomic<int> g_locksHeld{0};
 std::atomic<kvos_spinlock_t *> g_lastSpinLock{nullptr};
+std::atomic<bool> g_watchesLocks{false};
 thread_local int t_spinDepth = 0;
 
 std::string join(const std::vector<std::string> &arguments)
@@ -120,7 +124,21 @@ void runAction(const std::string &name)
     action();
 }
 
-void *allocate(size_t size, const char *func)
+// Takes the state's mutex only where a test looks: it would order threads that the library's own locks do not.
+void runLockAction(const char *func)
+{
+    if (!g_watchesLocks.load(std::memory_order_relaxed)) {
+        return;
+    }
+    std::function<void(const std::string &)> action;
+    {
+        const std::lock_guard guard(g_state->mutex);
+        action = g_state->lockAction;
+    }
+    action(func);
+}
+
+void *allocate(size_t size, const char *func, int fill)
 {
     const std::lock_guard guard(g_state->mutex);
     if (t_spinDepth > 0) {
@@ -130,7 +148,11 @@ void *allocate(size_t size, const char *func)
     if (fails || (g_state->failAllocation != 0 && --g_state->failAllocation == 0)) {
         return nullptr;
     }
-    void *block = std::calloc(1, size == 0 ? 1 : size);
+    const size_t room = size == 0 ? 1 : size;
+    void *block = std::calloc(1, room);
+    if (fill != 0) {
+        std::memset(block, fill, room);
+    }
     g_state->blocks[block] = func;
     return block;
 }
@@ -248,6 +270,7 @@ void reset()
     g_state = new State;
     g_locksHeld = 0;
     g_lastSpinLock = nullptr;
+    g_watchesLocks = false;
     t_spinDepth = 0;
     for (const auto clear : clearers()) {
         clear();
@@ -351,6 +374,12 @@ size_t liveBlocks(const std::string &func)
                                              [&](const auto &block) { return block.second == func; }));
 }
 
+std::vector<FreedBlock> freedBlocks()
+{
+    const std::lock_guard guard(g_state->mutex);
+    return g_state->freed;
+}
+
 int locksHeld()
 {
     return g_locksHeld;
@@ -359,6 +388,13 @@ int locksHeld()
 kvos_spinlock_t *lastSpinLock()
 {
     return g_lastSpinLock;
+}
+
+void duringLocks(std::function<void(const std::string &func)> action)
+{
+    const std::lock_guard guard(g_state->mutex);
+    g_state->lockAction = std::move(action);
+    g_watchesLocks = true;
 }
 
 std::vector<std::string> callsUnderSpinLock()
@@ -396,6 +432,12 @@ size_t heldThreads()
 {
     const std::lock_guard guard(g_state->mutex);
     return g_state->held.size();
+}
+
+void *threadArgument(size_t index)
+{
+    const std::lock_guard guard(g_state->mutex);
+    return g_state->held.at(index).arg;
 }
 
 bool runThread(size_t index)
@@ -632,10 +674,12 @@ void do_kvos_spinlock_lock(kvos_spinlock_t *lock)
     g_lastSpinLock = lock;
     ++g_locksHeld;
     ++t_spinDepth;
+    runLockAction("do_kvos_spinlock_lock");
 }
 
 void do_kvos_spinlock_unlock(kvos_spinlock_t *lock)
 {
+    runLockAction("do_kvos_spinlock_unlock");
     --t_spinDepth;
     --g_locksHeld;
     __atomic_store_n(&lock->lock, 0, __ATOMIC_RELEASE);
@@ -651,10 +695,12 @@ void kvos_rwlock_read_lock(kvos_rwlock_t *lock)
         readers = __atomic_load_n(wordOf(lock), __ATOMIC_RELAXED);
     }
     ++g_locksHeld;
+    runLockAction("kvos_rwlock_read_lock");
 }
 
 void kvos_rwlock_read_unlock(kvos_rwlock_t *lock)
 {
+    runLockAction("kvos_rwlock_read_unlock");
     --g_locksHeld;
     __atomic_fetch_sub(wordOf(lock), 1, __ATOMIC_RELEASE);
 }
@@ -667,10 +713,12 @@ void kvos_rwlock_write_lock(kvos_rwlock_t *lock)
         free = 0;
     }
     ++g_locksHeld;
+    runLockAction("kvos_rwlock_write_lock");
 }
 
 void kvos_rwlock_write_unlock(kvos_rwlock_t *lock)
 {
+    runLockAction("kvos_rwlock_write_unlock");
     --g_locksHeld;
     __atomic_store_n(wordOf(lock), 0, __ATOMIC_RELEASE);
 }
@@ -682,11 +730,11 @@ uint64_t kvos_str_tou64(const char *text)
 
 void *nas_mem_comm_alloc(size_t size, const char *func, uint32_t)
 {
-    return allocate(size, func);
+    return allocate(size, func, kUncleared);
 }
 void *nas_mem_comm_zalloc(size_t size, const char *func, uint32_t)
 {
-    return allocate(size, func);
+    return allocate(size, func, 0);
 }
 
 void nas_mem_comm_free(void *ptr, const char *, uint32_t)
@@ -695,9 +743,12 @@ void nas_mem_comm_free(void *ptr, const char *, uint32_t)
     if (ptr == nullptr) {
         return;
     }
-    if (g_state->blocks.erase(ptr) != 1) {
+    const auto found = g_state->blocks.find(ptr);
+    if (found == g_state->blocks.end()) {
         std::abort(); // a block that is not the pool's, or freed twice
     }
+    g_state->freed.push_back({ptr, found->second});
+    g_state->blocks.erase(found);
     std::free(ptr);
 }
 

@@ -61,12 +61,18 @@ struct Stop {};
 // Runs body until it returns or an action throws Stop; says whether it was stopped.
 bool runUntilStopped(const std::function<void()> &body);
 
-// ---- memory
+// ---- memory: nas_mem_comm_alloc fills its blocks with 0xA5, only nas_mem_comm_zalloc clears them
 
 // Blocks of the pool that are not freed yet.
 size_t liveBlocks();
 // Of one allocating function.
 size_t liveBlocks(const std::string &func);
+// The blocks that were freed, in order: where each lay, and the function that had allocated it.
+struct FreedBlock {
+    const void *address;
+    std::string func;
+};
+std::vector<FreedBlock> freedBlocks();
 
 // ---- locks
 
@@ -74,6 +80,9 @@ size_t liveBlocks(const std::string &func);
 int locksHeld();
 // The spin lock that was taken last, or null.
 kvos_spinlock_t *lastSpinLock();
+// Runs inside the host's lock functions with their name, always while the lock is held: when it was just taken, or is
+// about to be released.
+void duringLocks(std::function<void(const std::string &func)> action);
 // Host calls made while the calling thread held a spin lock (logging excepted).
 std::vector<std::string> callsUnderSpinLock();
 
@@ -92,6 +101,8 @@ enum class Threads {
 };
 void setThreads(Threads mode);
 size_t heldThreads();
+// What the index-th body that was handed over is to be called with.
+void *threadArgument(size_t index);
 // Runs the body that was handed over as the index-th, on the calling thread; says whether it was stopped.
 bool runThread(size_t index);
 void joinThreads();

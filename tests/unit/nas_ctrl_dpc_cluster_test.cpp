@@ -35,6 +35,11 @@ std::atomic<int> g_connected{0};
 void *g_connectArg = &g_adapter;
 int g_createResult = 0;
 int g_detachResult = 0;
+// What the C library was asked for, while the test looks.
+bool g_watchThreads = false;
+std::vector<const pthread_attr_t *> g_attributes;
+std::vector<pthread_t> g_created;
+std::vector<pthread_t> g_detached;
 
 // The C library's own function of that name.
 template <typename Function>
@@ -65,12 +70,22 @@ void *NasCtrlHandleDpcConnectEvent(void *arg)
 extern "C" NASCTRL_API int pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *),
                                           void *arg) noexcept
 {
-    return g_createResult != 0 ? g_createResult
-                               : original<decltype(pthread_create)>("pthread_create")(thread, attr, body, arg);
+    if (g_createResult != 0) {
+        return g_createResult;
+    }
+    const int result = original<decltype(pthread_create)>("pthread_create")(thread, attr, body, arg);
+    if (g_watchThreads) {
+        g_attributes.push_back(attr);
+        g_created.push_back(*thread);
+    }
+    return result;
 }
 extern "C" NASCTRL_API int pthread_detach(pthread_t thread) noexcept
 {
     const int result = original<decltype(pthread_detach)>("pthread_detach")(thread);
+    if (g_watchThreads) {
+        g_detached.push_back(thread);
+    }
     return g_detachResult != 0 ? g_detachResult : result;
 }
 
@@ -87,7 +102,13 @@ protected:
         g_connectArg = &g_adapter;
         g_createResult = 0;
         g_detachResult = 0;
+        g_watchThreads = false;
+        g_attributes.clear();
+        g_created.clear();
+        g_detached.clear();
         g_nasDpcClientId = 0;
+        g_nasDpcLsView = {};
+        g_cmregls = 0;
         memset(g_nasCtrlCmOps, 0, sizeof g_nasCtrlCmOps);
         ASSERT_EQ(NasCtrlDpcClusterInit(), 0U);
         fake::reset();
@@ -123,6 +144,18 @@ TEST_F(Dpc, StartPreparesLocksListConsumerAndTaskThread)
     EXPECT_EQ(g_nasCtrlCmOps[1].status, nullptr);
     EXPECT_THAT(fake::calls(), ElementsAre("lwt_create_default(1, 4294967295)"));
     EXPECT_THAT(fake::log(), IsEmpty());
+}
+
+TEST_F(Dpc, StartLeavesTheViewAndTheClientIdAsTheyAre)
+{
+    memset(&g_nasDpcLsView.view, 'v', sizeof g_nasDpcLsView.view);
+    const dpc_view before = g_nasDpcLsView.view;
+    g_nasDpcClientId = 55;
+    g_cmregls = 66;
+    EXPECT_EQ(NasCtrlDpcClusterInit(), 0U);
+    EXPECT_EQ(memcmp(&g_nasDpcLsView.view, &before, sizeof before), 0);
+    EXPECT_EQ(g_nasDpcClientId, 55U);
+    EXPECT_EQ(g_cmregls, 66U);
 }
 
 TEST_F(Dpc, StartWithoutItsThreadFailsAndStaysRegistered)
@@ -364,6 +397,22 @@ TEST_F(Address, IsSoughtFurtherAfterADoubleValueThatCannotBeParsed)
     EXPECT_THAT(fake::logFuncs(), ElementsAre("NasCtrlGetAddrFromCmLs"));
 }
 
+TEST_F(Address, IsSoughtFurtherAfterADoubleValueThatDoesNotFit)
+{
+    const std::string tooLong = "10.0.0.1@" + std::string(64, '2');
+    set(2, "data_ip", tooLong);
+    set(3, "other", "10.0.0.3@10.0.0.4");
+    set(5, "data_ip", "10.0.0.1@10.0.0.2");
+    set(6, "data_ip", "10.0.0.5");
+    EXPECT_EQ(get("data_ip"), 0U);
+    EXPECT_EQ(std::string(out_.get(), 64), "10.0.0.2" + std::string(56, '\0'));
+    ASSERT_EQ(fake::log().size(), 2U);
+    EXPECT_THAT(
+        fake::log()[0],
+        testing::MatchesRegex("class 1 PROTOCOL: PARSE DOUBLE IP: Copy Failed to outIp from nexToken: [1-9][0-9]*"));
+    EXPECT_EQ(fake::log()[1], "3 PROTOCOL: Parse double ip(raw: " + tooLong + ") failed");
+}
+
 TEST_F(Address, IsClearedWhenNoDoubleValueCanBeParsed)
 {
     const std::string value = "10.0.0.1@" + std::string(64, '2');
@@ -463,6 +512,27 @@ TEST_F(Dpc, ADoubleAddressMustFitTheOutputWithItsNul)
     EXPECT_EQ(fake::log().size(), 3U);
 }
 
+TEST_F(Dpc, ADoubleAddressOf64CharactersDoesNotFit64Bytes)
+{
+    const auto out = std::make_unique<char[]>(64);
+    EXPECT_EQ(ParseDoubleIp(("a@" + std::string(64, '2')).c_str(), out.get(), 64), 0xFFFFFFFFU);
+    ASSERT_EQ(fake::log().size(), 1U);
+    EXPECT_THAT(
+        fake::log()[0],
+        testing::MatchesRegex("class 1 PROTOCOL: PARSE DOUBLE IP: Copy Failed to outIp from nexToken: [1-9][0-9]*"));
+    EXPECT_THAT(fake::logFuncs(), ElementsAre("ParseDoubleIp"));
+}
+
+TEST_F(Dpc, ADoubleAddressMayHaveAllTheRoomThereIs)
+{
+    for (const uint32_t length : {32768U, 32769U, 40000U, 300000U}) {
+        const auto out = std::make_unique<char[]>(length);
+        EXPECT_EQ(ParseDoubleIp("a@10.0.0.2", out.get(), length), 0U) << length;
+        EXPECT_STREQ(out.get(), "10.0.0.2") << length;
+    }
+    EXPECT_THAT(fake::log(), IsEmpty());
+}
+
 TEST_F(Dpc, ADoubleAddressIsRefusedWithoutAllArguments)
 {
     char out[8] = "unset";
@@ -494,6 +564,22 @@ TEST_F(Dpc, TasksAreQueuedInTheOrderOfTheirArrival)
                             "sessionId[18446744073709551613].",
                             "class 0 PROTOCOL: Add dpc event task list lsid[4] faultTime[5] sessionId[6]."));
     EXPECT_THAT(fake::logFuncs(), testing::Each("AddDpcEventTask"));
+}
+
+TEST_F(Dpc, TasksAreQueuedUnderTheListsLockAlone)
+{
+    struct Look {
+        std::string func;
+        uint64_t listLock, viewLock;
+        size_t queued;
+        bool operator==(const Look &) const = default;
+    };
+    std::vector<Look> seen;
+    fake::duringLocks([&](const std::string &func) {
+        seen.push_back({func, g_nasDpcEventTaskList.lock.lock, g_nasDpcLsView.lock.lock, queuedTasks().size()});
+    });
+    EXPECT_EQ(AddDpcEventTask(1, 2, 3), 0U);
+    EXPECT_THAT(seen, ElementsAre(Look{"do_kvos_spinlock_lock", 1, 0, 0}, Look{"do_kvos_spinlock_unlock", 1, 0, 1}));
 }
 
 TEST_F(Dpc, TasksAreLoggedAfterTheLockIsReleased)
@@ -604,6 +690,18 @@ TEST_F(Dpc, AConnectRunsTheHostsHandlerOnAThread)
     EXPECT_EQ(g_connectArg, nullptr);
     EXPECT_THAT(fake::log(), ElementsAre("class 1 PROTOCOL: EDS CM EVENT: connect."));
     EXPECT_THAT(fake::logFuncs(), ElementsAre("NasCtrlHandleDpcEvent"));
+}
+
+TEST_F(Dpc, AConnectsThreadHasDefaultAttributesAndIsDetachedOnce)
+{
+    uint32_t event = 0;
+    g_watchThreads = true;
+    NasCtrlHandleDpcEvent(&event);
+    g_watchThreads = false;
+    waitForConnect();
+    EXPECT_THAT(g_attributes, ElementsAre(nullptr));
+    EXPECT_EQ(g_created.size(), 1U);
+    EXPECT_EQ(g_detached, g_created);
 }
 
 TEST_F(Dpc, AConnectThatCannotDetachItsThreadIsLogged)

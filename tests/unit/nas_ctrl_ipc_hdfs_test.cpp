@@ -40,6 +40,22 @@ protected:
 
     int32_t ask() { return GetHdfsGlobalZoneNodeId(&list_, &count_); }
 
+    // What was freed behind the request and then the response, which must come first.
+    static std::vector<const void *> freedAfterTheMessages()
+    {
+        std::vector<const void *> addresses;
+        for (const fake::FreedBlock &block : fake::freedBlocks()) {
+            addresses.push_back(block.address);
+        }
+        if (addresses.size() < 2 || addresses[0] != fake::upcalls().at(0).record.request ||
+            fake::freedBlocks()[1].func != "svr_upcall_sync") {
+            ADD_FAILURE() << "the request and the response are not freed first, in this order";
+            return {};
+        }
+        addresses.erase(addresses.begin(), addresses.begin() + 2);
+        return addresses;
+    }
+
     char **list_ = reinterpret_cast<char **>(this);
     uint32_t count_ = 99;
 };
@@ -165,16 +181,66 @@ TEST_F(ZoneNodeIds, WithoutMemoryLeaveNothingBehind)
     ReleaseHdfsGlobalZoneNodeId(list_, 3);
 }
 
-TEST_F(ZoneNodeIds, KeepTheRowWhoseCopyFailedAllocated)
+TEST_F(ZoneNodeIds, KeepTheRowWhoseCopyFailedAllocatedAndFreeTheRowsBeforeIt)
 {
-    fake::answerUpcall(0, answer(0, 2, {"a", "b"}));
-    fake::during("svr_upcall_sync", [] { faults::failNextClear(403); });
-    EXPECT_EQ(ask(), 403);
-    EXPECT_EQ(count_, 0U);
-    EXPECT_NE(list_, nullptr);
-    EXPECT_EQ(fake::liveBlocks(kName), 1U);
-    EXPECT_EQ(fake::liveBlocks(), 1U);
-    EXPECT_THAT(fake::log(), ElementsAre(kCallLine, "3 PROTOCOL: (ret != EOK) is failed(403), goto OUT!!!!!!!!!!!!"));
+    for (const auto fail : {faults::failClear, faults::failCopy}) {
+        for (int row = 0; row < 2; ++row) {
+            fake::reset();
+            faults::reset();
+            fake::answerUpcall(0, answer(0, 2, {"a", "b"}));
+            fake::during("svr_upcall_sync", [&] { fail(row + 1, 403); });
+            std::vector<const void *> rows;
+            fake::during("kvlog", [&] {
+                if (fake::log().size() == 2) {
+                    rows.assign(list_, list_ + 2);
+                }
+            });
+            EXPECT_EQ(ask(), 403);
+            EXPECT_EQ(count_, 0U);
+            EXPECT_THAT(fake::log(),
+                        ElementsAre(kCallLine, "3 PROTOCOL: (ret != EOK) is failed(403), goto OUT!!!!!!!!!!!!"));
+            ASSERT_EQ(rows.size(), 2U);
+            std::vector<const void *> expected(rows.begin(), rows.begin() + row);
+            expected.push_back(list_);
+            EXPECT_EQ(freedAfterTheMessages(), expected) << row;
+            EXPECT_EQ(fake::liveBlocks(kName), 1U);
+            EXPECT_EQ(fake::liveBlocks(), 1U);
+        }
+    }
+}
+
+TEST_F(ZoneNodeIds, AreFreedAfterTheMessagesWhenARowFindsNoMemory)
+{
+    for (int row = 0; row < 3; ++row) {
+        fake::reset();
+        fake::answerUpcall(0, answer(0, 3, {"a", "b", "c"}));
+        fake::failAllocation(static_cast<uint64_t>(row) + 3);
+        std::vector<const void *> expected;
+        fake::during("kvlog", [&] {
+            if (fake::log().size() == 2) {
+                expected.assign(list_, list_ + row);
+            }
+        });
+        EXPECT_EQ(ask(), -12);
+        expected.push_back(list_);
+        EXPECT_EQ(freedAfterTheMessages(), expected) << row;
+    }
+}
+
+TEST_F(ZoneNodeIds, FreeTheRequestBeforeTheResponse)
+{
+    struct Row {
+        int32_t called;
+        uint32_t result;
+        uint32_t count;
+    };
+    for (const Row &row : {Row{-5, 0, 1}, Row{0, 7, 1}, Row{0, 0, 0}, Row{0, 0, 1}}) {
+        fake::reset();
+        fake::answerUpcall(row.called, answer(row.result, row.count, {"a"}));
+        ask();
+        EXPECT_THAT(freedAfterTheMessages(), IsEmpty()) << row.called << ", " << row.result << ", " << row.count;
+        ReleaseHdfsGlobalZoneNodeId(list_, static_cast<int32_t>(count_));
+    }
 }
 
 TEST_F(ZoneNodeIds, RefuseNullOutputsTheNumberFirst)

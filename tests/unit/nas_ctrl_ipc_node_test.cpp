@@ -138,6 +138,18 @@ TEST_F(ControlIpOwners, OfAnAddressWithoutAnEndAreAskedByItsWidth)
     EXPECT_THAT(fake::log(), ElementsAre("4 PROTOCOL: Use mangement add lock,ip:" + ip + ",lsid:31."));
 }
 
+TEST_F(ControlIpOwners, OfAnAddressWithoutAnEndThatIsNotPendingStayUnasked)
+{
+    const std::string ip(128, '1');
+    fake::setCtrlIpLsId(ip, 31);
+    const List list = makeList(0, {{0, ip, 0x32323232}});
+    const std::string before(reinterpret_cast<char *>(list.get()), sizeof(ctrl_ip_list) + sizeof(ctrl_ip_entry));
+    CTRL_GetIpsLsidByCtrlIp(list.get());
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(list.get()), before.size()), before);
+    EXPECT_THAT(fake::calls(), IsEmpty());
+    EXPECT_THAT(fake::log(), IsEmpty());
+}
+
 TEST_F(ControlIpOwners, OfNoListAreRefused)
 {
     CTRL_GetIpsLsidByCtrlIp(nullptr);

@@ -1,4 +1,5 @@
 // The ten questions whose answer is copied for the caller: what each sends, logs, hands out and releases.
+#include "nas_ip_mgr_faults.h"
 #include <cstring>
 #include <fake_host.h>
 #include <functional>
@@ -82,112 +83,106 @@ void freeByPool(void *copy)
     nas_mem_comm_free(copy, "test", 0);
 }
 
-const std::vector<Question> &questions()
-{
-    static const std::vector<Question> kQuestions = {
-        {"GetCurNodeIpList",
-         1,
-         &kFourZeroBytes,
-         8,
-         [](const void *, void **rsp) {
-             node_ip_list *list = nullptr;
-             const int32_t ret = GetCurNodeIpList(rsp != nullptr ? &list : nullptr);
-             if (list != nullptr) {
-                 *rsp = list;
-             }
-             return ret;
-         },
-         FreeCurNodeIpList,
-         {},
-         {},
-         {}},
-        {"GetHdfsConf",
-         3,
-         &kIp,
-         4172,
-         [](const void *ip, void **rsp) { return GetHdfsConf(static_cast<const char *>(ip), rsp); },
-         FreeHdfsConf,
-         {"4 PROTOCOL: Begin GetHdfsConf by IP(10.1.2.3)."},
-         {"4 PROTOCOL: End GetHdfsConf by IP(10.1.2.3), response(result:-3, fsid:4000000041, dtreePath:/dtree/one)."},
-         {"4 PROTOCOL: End GetHdfsConf by IP(10.1.2.3), ret: -5."}},
-        {"GetHdfsNeighborIpList",
-         4,
-         &kNeighbours,
-         8,
-         GetHdfsNeighborIpList,
-         FreeHdfsNeighborIpList,
-         {"4 PROTOCOL: Begin GetHdfsNeighborIpList by edsLsid(-5)."},
-         {"4 PROTOCOL: End GetHdfsNeighborIpList by edsLsid(-5), response(result: -3, ipCount: 4000000041)."},
-         {"4 PROTOCOL: End GetHdfsNeighborIpList by edsLsid(-5), ret: -5."}},
-        {"GetHdfsZoneIpList",
-         5,
-         &kFourZeroBytes,
-         12,
-         [](const void *, void **rsp) { return GetHdfsZoneIpList(rsp); },
-         FreeHdfsZoneIpList,
-         {},
-         {"4 PROTOCOL: GetHdfsZoneIpList success, response(result: -3, ipCount: 4000000041)."},
-         {"4 PROTOCOL: GetHdfsZoneIpList failed, ret: -5."}},
-        {"GetCurNodeIfaceList",
-         6,
-         &kFourZeroBytes,
-         8,
-         [](const void *, void **rsp) { return GetCurNodeIfaceList(rsp); },
-         FreeCurNodeIfaceList,
-         {},
-         {},
-         {}},
-        {"GetHdfsGlobalZoneIpList",
-         9,
-         &kZone,
-         12,
-         [](const void *req, void **rsp) {
-             return GetHdfsGlobalZoneIpList(static_cast<const zone_request *>(req), rsp);
-         },
-         freeByPool,
-         {"4 PROTOCOL: Begin GetHdfsGlobalZoneIpList for fsId(7), subnet(sub-a), tenantId(4000000000)."},
-         {"4 PROTOCOL: Success, response(result: -3, ipCount: 4000000041), fsId(7), subnet(sub-a), "
-          "tenantId(4000000000)."},
-         {"4 PROTOCOL: GetHdfsGlobalZoneIpList failed, ret: -5, fsId(7), subnet(sub-a), tenantId(4000000000)"}},
-        {"GetTenantIdByIp",
-         11,
-         &kIp,
-         8,
-         [](const void *ip, void **rsp) { return GetTenantIdByIp(static_cast<const char *>(ip), rsp); },
-         freeByPool,
-         {"4 PROTOCOL: Begin GetTenantIdByIp by IP(10.1.2.3)."},
-         {"4 PROTOCOL: End GetTenantId by IP(10.1.2.3), response(result:-3, tenantid:-294967255)."},
-         {"4 PROTOCOL: End GetTenantId by IP(10.1.2.3), ret: -5."}},
-        {"GetContactedZoneHdfsConfigure",
-         13,
-         &kFourZeroBytes,
-         16,
-         [](const void *, void **rsp) { return GetContactedZoneHdfsConfigure(rsp); },
-         [](void *copy) { releaseWith(ReleaseContactedZoneHdfsConfigure, copy); },
-         {},
-         {"4 PROTOCOL: GetContactedZoneHdfsConfigure success, the result (-3)"},
-         {"4 PROTOCOL: Get Contacted Zone Hdfs Configure failed, ret: -5."}},
-        {"GetSubnetAllIpList",
-         14,
-         &kZone,
-         8,
-         [](const void *req, void **rsp) { return GetSubnetAllIpList(static_cast<const zone_request *>(req), rsp); },
-         [](void *copy) { releaseWith(ReleaseSubnetAllIpList, copy); },
-         {"4 PROTOCOL: Begin GetSubnetAllIpList subnet(sub-a)."},
-         {"4 PROTOCOL: Success, response(result: -3, ipCount: 4000000041), req subnet(sub-a)."},
-         {"4 PROTOCOL: GetSubnetAllIpList failed, ret: -5, subnet(sub-a)"}},
-        {"GetZoneFullDomain",
-         15,
-         &kFourZeroBytes,
-         258,
-         [](const void *, void **rsp) { return GetZoneFullDomain(rsp); },
-         [](void *copy) { releaseWith(ReleaseGetZoneFullDomain, copy); },
-         {},
-         {"4 PROTOCOL: GetZoneFullDomain success, the result (-3)"},
-         {"4 PROTOCOL: GetZoneFullDomain failed, ret: -5."}},
-    };
-    return kQuestions;
-}
+const std::vector<Question> kQuestions = {
+    {"GetCurNodeIpList",
+     1,
+     &kFourZeroBytes,
+     8,
+     [](const void *, void **rsp) {
+         node_ip_list *list = nullptr;
+         const int32_t ret = GetCurNodeIpList(rsp != nullptr ? &list : nullptr);
+         if (list != nullptr) {
+             *rsp = list;
+         }
+         return ret;
+     },
+     FreeCurNodeIpList,
+     {},
+     {},
+     {}},
+    {"GetHdfsConf",
+     3,
+     &kIp,
+     4172,
+     [](const void *ip, void **rsp) { return GetHdfsConf(static_cast<const char *>(ip), rsp); },
+     FreeHdfsConf,
+     {"4 PROTOCOL: Begin GetHdfsConf by IP(10.1.2.3)."},
+     {"4 PROTOCOL: End GetHdfsConf by IP(10.1.2.3), response(result:-3, fsid:4000000041, dtreePath:/dtree/one)."},
+     {"4 PROTOCOL: End GetHdfsConf by IP(10.1.2.3), ret: -5."}},
+    {"GetHdfsNeighborIpList",
+     4,
+     &kNeighbours,
+     8,
+     GetHdfsNeighborIpList,
+     FreeHdfsNeighborIpList,
+     {"4 PROTOCOL: Begin GetHdfsNeighborIpList by edsLsid(-5)."},
+     {"4 PROTOCOL: End GetHdfsNeighborIpList by edsLsid(-5), response(result: -3, ipCount: 4000000041)."},
+     {"4 PROTOCOL: End GetHdfsNeighborIpList by edsLsid(-5), ret: -5."}},
+    {"GetHdfsZoneIpList",
+     5,
+     &kFourZeroBytes,
+     12,
+     [](const void *, void **rsp) { return GetHdfsZoneIpList(rsp); },
+     FreeHdfsZoneIpList,
+     {},
+     {"4 PROTOCOL: GetHdfsZoneIpList success, response(result: -3, ipCount: 4000000041)."},
+     {"4 PROTOCOL: GetHdfsZoneIpList failed, ret: -5."}},
+    {"GetCurNodeIfaceList",
+     6,
+     &kFourZeroBytes,
+     8,
+     [](const void *, void **rsp) { return GetCurNodeIfaceList(rsp); },
+     FreeCurNodeIfaceList,
+     {},
+     {},
+     {}},
+    {"GetHdfsGlobalZoneIpList",
+     9,
+     &kZone,
+     12,
+     [](const void *req, void **rsp) { return GetHdfsGlobalZoneIpList(static_cast<const zone_request *>(req), rsp); },
+     freeByPool,
+     {"4 PROTOCOL: Begin GetHdfsGlobalZoneIpList for fsId(7), subnet(sub-a), tenantId(4000000000)."},
+     {"4 PROTOCOL: Success, response(result: -3, ipCount: 4000000041), fsId(7), subnet(sub-a), "
+      "tenantId(4000000000)."},
+     {"4 PROTOCOL: GetHdfsGlobalZoneIpList failed, ret: -5, fsId(7), subnet(sub-a), tenantId(4000000000)"}},
+    {"GetTenantIdByIp",
+     11,
+     &kIp,
+     8,
+     [](const void *ip, void **rsp) { return GetTenantIdByIp(static_cast<const char *>(ip), rsp); },
+     freeByPool,
+     {"4 PROTOCOL: Begin GetTenantIdByIp by IP(10.1.2.3)."},
+     {"4 PROTOCOL: End GetTenantId by IP(10.1.2.3), response(result:-3, tenantid:-294967255)."},
+     {"4 PROTOCOL: End GetTenantId by IP(10.1.2.3), ret: -5."}},
+    {"GetContactedZoneHdfsConfigure",
+     13,
+     &kFourZeroBytes,
+     16,
+     [](const void *, void **rsp) { return GetContactedZoneHdfsConfigure(rsp); },
+     [](void *copy) { releaseWith(ReleaseContactedZoneHdfsConfigure, copy); },
+     {},
+     {"4 PROTOCOL: GetContactedZoneHdfsConfigure success, the result (-3)"},
+     {"4 PROTOCOL: Get Contacted Zone Hdfs Configure failed, ret: -5."}},
+    {"GetSubnetAllIpList",
+     14,
+     &kZone,
+     8,
+     [](const void *req, void **rsp) { return GetSubnetAllIpList(static_cast<const zone_request *>(req), rsp); },
+     [](void *copy) { releaseWith(ReleaseSubnetAllIpList, copy); },
+     {"4 PROTOCOL: Begin GetSubnetAllIpList subnet(sub-a)."},
+     {"4 PROTOCOL: Success, response(result: -3, ipCount: 4000000041), req subnet(sub-a)."},
+     {"4 PROTOCOL: GetSubnetAllIpList failed, ret: -5, subnet(sub-a)"}},
+    {"GetZoneFullDomain",
+     15,
+     &kFourZeroBytes,
+     258,
+     [](const void *, void **rsp) { return GetZoneFullDomain(rsp); },
+     [](void *copy) { releaseWith(ReleaseGetZoneFullDomain, copy); },
+     {},
+     {"4 PROTOCOL: GetZoneFullDomain success, the result (-3)"},
+     {"4 PROTOCOL: GetZoneFullDomain failed, ret: -5."}},
+};
 
 Texts callLine(const Question &question)
 {
@@ -212,7 +207,11 @@ Texts operator+(Texts left, const Texts &right)
 
 class Queries : public testing::Test {
 protected:
-    void SetUp() override { fake::reset(); }
+    void SetUp() override
+    {
+        fake::reset();
+        faults::reset();
+    }
 
     // Asks with an input of its own, on the heap and not a byte longer than what is sent.
     static int32_t ask(const Question &question, void **rsp, const std::string &bytes)
@@ -222,6 +221,17 @@ protected:
         return question.ask(input.get(), rsp);
     }
     static int32_t ask(const Question &question, void **rsp) { return ask(question, rsp, *question.request); }
+
+    // Which part of the one question that was asked each freed block was, in the order of their release.
+    static Texts freedParts()
+    {
+        Texts parts;
+        for (const fake::FreedBlock &block : fake::freedBlocks()) {
+            const bool isRequest = block.address == fake::upcalls().at(0).record.request;
+            parts.push_back(isRequest ? "request" : block.func == "svr_upcall_sync" ? "response" : "copy");
+        }
+        return parts;
+    }
 
     // An answer of each length comes through whole, with zeros up to the question's minimum behind it.
     void expectEveryLength(const Question &question, std::string (*answerOf)(size_t length))
@@ -246,7 +256,7 @@ protected:
 
 TEST_F(Queries, SendTheirRequestAndHandOutACopy)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         SCOPED_TRACE(question.name);
         fake::reset();
         fake::answerUpcall(0, kAnswer);
@@ -267,7 +277,7 @@ TEST_F(Queries, SendTheirRequestAndHandOutACopy)
 
 TEST_F(Queries, LogInTheNameOfTheFunctionThatWasCalled)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         fake::reset();
         fake::answerUpcall(0, kAnswer);
         ask(question, &output_);
@@ -281,7 +291,7 @@ TEST_F(Queries, LogInTheNameOfTheFunctionThatWasCalled)
 
 TEST_F(Queries, TakeTheirRequestInTheirOwnName)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         fake::reset();
         fake::answerUpcall(0, kAnswer);
         size_t requests = 0;
@@ -294,21 +304,21 @@ TEST_F(Queries, TakeTheirRequestInTheirOwnName)
 
 TEST_F(Queries, BringAShortAnswerUpToTheirMinimum)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         expectEveryLength(question, pattern);
     }
 }
 
 TEST_F(Queries, BringAShortAnswerWhoseTextEndsUpToTheirMinimum)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         expectEveryLength(question, [](size_t length) { return pattern(length - 1) + '\0'; });
     }
 }
 
 TEST_F(Queries, FailOnAnEmptyAnswerAndOnNone)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         for (const bool withBlock : {true, false}) {
             SCOPED_TRACE(question.name);
             fake::reset();
@@ -330,7 +340,7 @@ TEST_F(Queries, FailOnAnEmptyAnswerAndOnNone)
 
 TEST_F(Queries, PassTheCodeOfAFailedCallOnAndFreeWhatItLeft)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         SCOPED_TRACE(question.name);
         fake::reset();
         fake::answerUpcall(-5, kAnswer);
@@ -343,9 +353,64 @@ TEST_F(Queries, PassTheCodeOfAFailedCallOnAndFreeWhatItLeft)
     }
 }
 
+TEST_F(Queries, FreeTheRequestBeforeTheResponse)
+{
+    for (const Question &question : kQuestions) {
+        for (const int32_t result : {0, -5}) {
+            fake::reset();
+            fake::answerUpcall(result, kAnswer);
+            ASSERT_EQ(ask(question, &output_), result);
+            EXPECT_THAT(freedParts(), ElementsAre("request", "response")) << question.name << " answered " << result;
+            if (result == 0) {
+                question.release(output_);
+            }
+        }
+    }
+}
+
+TEST_F(Queries, WhoseAnswerCannotBeCopiedFreeItBeforeTheCopy)
+{
+    for (const Question &question : kQuestions) {
+        SCOPED_TRACE(question.name);
+        fake::reset();
+        fake::answerUpcall(0, kAnswer);
+        fake::during("svr_upcall_sync", [] { faults::failCopy(1, 402); });
+        output_ = &untouched_;
+        EXPECT_EQ(ask(question, &output_), -12);
+        EXPECT_EQ(output_, &untouched_);
+        EXPECT_THAT(freedParts(), ElementsAre("request", "response", "copy"));
+        EXPECT_EQ(fake::liveBlocks(), 0U);
+        EXPECT_THAT(fake::log(),
+                    question.begin + callLine(question) +
+                        failed(question, "3 PROTOCOL: (ret != EOK) is failed(-12), goto OUT!!!!!!!!!!!!", -12));
+    }
+}
+
+TEST_F(Queries, WhoseRequestCannotBeCopiedSendNothing)
+{
+    for (const Question &question : kQuestions) {
+        if (question.request == &kFourZeroBytes) {
+            continue;
+        }
+        SCOPED_TRACE(question.name);
+        fake::reset();
+        fake::answerUpcall(0, kAnswer);
+        faults::failCopy(1, 402);
+        output_ = &untouched_;
+        EXPECT_EQ(ask(question, &output_), -12);
+        EXPECT_EQ(output_, &untouched_);
+        EXPECT_THAT(fake::calls(), IsEmpty());
+        EXPECT_EQ(fake::freedBlocks().size(), 1U);
+        EXPECT_EQ(fake::liveBlocks(), 0U);
+        EXPECT_THAT(fake::log(),
+                    question.begin +
+                        failed(question, "3 PROTOCOL: (ret != EOK) is failed(-12), goto OUT!!!!!!!!!!!!", -12));
+    }
+}
+
 TEST_F(Queries, TimeOutAfterThreeAttempts)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         fake::reset();
         fake::answerAlways("svr_upcall_sync", -110);
         output_ = &untouched_;
@@ -358,7 +423,7 @@ TEST_F(Queries, TimeOutAfterThreeAttempts)
 
 TEST_F(Queries, WithoutMemoryLeaveNothingBehind)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         SCOPED_TRACE(question.name);
         const Texts expected[] = {
             question.begin + Texts{"3 PROTOCOL: reqMsg is NULL, return -ENOMEM(-12)!!!!!!!!!!!!"},
@@ -385,7 +450,7 @@ TEST_F(Queries, WithoutMemoryLeaveNothingBehind)
 
 TEST_F(Queries, RefuseANullInputBeforeANullOutput)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         if (question.request == &kFourZeroBytes) {
             continue;
         }
@@ -401,7 +466,7 @@ TEST_F(Queries, RefuseANullInputBeforeANullOutput)
 
 TEST_F(Queries, RefuseANullOutput)
 {
-    for (const Question &question : questions()) {
+    for (const Question &question : kQuestions) {
         if (question.type == 13 || question.type == 15) {
             continue; // these two rely on their caller
         }
@@ -413,26 +478,50 @@ TEST_F(Queries, RefuseANullOutput)
     }
 }
 
+// A line of a question with another text in the place of its usual one.
+Texts with(Texts lines, const std::string &usual, const std::string &text)
+{
+    for (std::string &line : lines) {
+        line.replace(line.find(usual), usual.size(), text);
+    }
+    return lines;
+}
+
 TEST_F(Queries, ShowTextsWithoutAnEndCutToTheirWidth)
 {
-    const std::string ip(64, 'i');
-    const std::string subnet(64, 's');
-    fake::answerUpcall(0, words({0, 1}) + std::string(4172 - 8, 'd'));
-    ASSERT_EQ(ask(questions()[1], &output_, ip), 0);
-    FreeHdfsConf(output_);
-    EXPECT_EQ(fake::log()[0], "4 PROTOCOL: Begin GetHdfsConf by IP(" + ip + ").");
-    EXPECT_THAT(fake::log()[2], StartsWith("4 PROTOCOL: End GetHdfsConf by IP(" + ip +
-                                           "), response(result:0, fsid:1, dtreePath:ddddd"));
-    EXPECT_EQ(fake::upcalls()[0].request, ip);
+    for (const Question &question : kQuestions) {
+        if (question.request != &kIp && question.request != &kZone) {
+            continue;
+        }
+        const std::string usual = question.request == &kIp ? "10.1.2.3" : "sub-a";
+        const std::string text(64, 't');
+        const std::string sent = question.request->substr(0, question.request->size() - 64) + text;
+        for (const int32_t result : {0, -5}) {
+            SCOPED_TRACE(std::string(question.name) + " answered " + std::to_string(result));
+            fake::reset();
+            fake::answerUpcall(result, kAnswer);
+            // What lies behind the text is no part of it.
+            ASSERT_EQ(ask(question, &output_, sent + "beyond"), result);
+            const Texts middle = result == 0
+                                     ? callLine(question)
+                                     : callLine(question) + Texts{"3 PROTOCOL: ret is failed, goto OUT!!!!!!!!!!!!"};
+            EXPECT_THAT(fake::log(), with(question.begin, usual, text) + middle +
+                                         with(result == 0 ? question.success : question.failure, usual, text));
+            EXPECT_EQ(fake::upcalls()[0].request, sent);
+            if (result == 0) {
+                question.release(output_);
+            }
+        }
+    }
+}
 
-    fake::reset();
-    fake::answerUpcall(0, kAnswer);
-    ASSERT_EQ(ask(questions()[8], &output_, words({1, 2}) + subnet), 0);
-    nas_mem_comm_free(output_, "test", 0);
-    EXPECT_EQ(fake::log()[0], "4 PROTOCOL: Begin GetSubnetAllIpList subnet(" + subnet + ").");
-    EXPECT_EQ(fake::log()[2],
-              "4 PROTOCOL: Success, response(result: -3, ipCount: 4000000041), req subnet(" + subnet + ").");
-    EXPECT_EQ(fake::upcalls()[0].request, words({1, 2}) + subnet);
+TEST_F(Queries, ShowAnAnswersTextWithoutAnEnd)
+{
+    fake::answerUpcall(0, words({0, 1}) + std::string(4172 - 8, 'd'));
+    ASSERT_EQ(ask(kQuestions[1], &output_), 0);
+    FreeHdfsConf(output_);
+    EXPECT_THAT(fake::log()[2], StartsWith("4 PROTOCOL: End GetHdfsConf by IP(10.1.2.3), response(result:0, fsid:1, "
+                                           "dtreePath:ddddd"));
 }
 
 TEST_F(Queries, ForNeighboursSendTheirCountOfEntriesInThirtyTwoBits)
@@ -445,7 +534,7 @@ TEST_F(Queries, ForNeighboursSendTheirCountOfEntriesInThirtyTwoBits)
         fake::reset();
         fake::answerUpcall(0, kAnswer);
         const std::string record = neighbourRecord(row.count, row.entries);
-        ASSERT_EQ(ask(questions()[2], &output_, record), 0) << row.count;
+        ASSERT_EQ(ask(kQuestions[2], &output_, record), 0) << row.count;
         FreeHdfsNeighborIpList(output_);
         EXPECT_EQ(fake::upcalls()[0].request, record) << row.count;
     }
@@ -453,7 +542,7 @@ TEST_F(Queries, ForNeighboursSendTheirCountOfEntriesInThirtyTwoBits)
 
 TEST_F(Queries, ForNeighboursFailWhenTheirLengthWrapsToNothing)
 {
-    EXPECT_EQ(ask(questions()[2], &output_, neighbourRecord(0x1FFFFFFF, 0)), -12);
+    EXPECT_EQ(ask(kQuestions[2], &output_, neighbourRecord(0x1FFFFFFF, 0)), -12);
     EXPECT_THAT(fake::log(), ElementsAre("4 PROTOCOL: Begin GetHdfsNeighborIpList by edsLsid(-5).",
                                          "3 PROTOCOL: (ret != EOK) is failed(-12), goto OUT!!!!!!!!!!!!",
                                          "4 PROTOCOL: End GetHdfsNeighborIpList by edsLsid(-5), ret: -12."));

@@ -41,6 +41,17 @@ TEST_F(MessageCall, FillsEveryFieldOfTheRecord)
     EXPECT_EQ(memcmp(&record, expected, sizeof record), 0);
 }
 
+TEST_F(MessageCall, MayCarryNoRequest)
+{
+    fake::answerUpcall(0, "answer");
+    EXPECT_EQ(NasCtrlMsgCallSync(15, nullptr, 0, &response_, &length_), 0);
+    ASSERT_EQ(fake::upcalls().size(), 1U);
+    EXPECT_EQ(fake::upcalls()[0].record.request, nullptr);
+    EXPECT_EQ(fake::upcalls()[0].record.length, 0U);
+    EXPECT_EQ(std::string(static_cast<char *>(response_), length_), "answer");
+    EXPECT_THAT(fake::log(), ElementsAre(kCallLine));
+}
+
 TEST_F(MessageCall, HandsTheAnswerOutAndLogsTheCall)
 {
     fake::answerUpcall(0, "answer");

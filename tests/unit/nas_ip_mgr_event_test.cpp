@@ -3,6 +3,7 @@
 using ip::hooks;
 using ip::listed;
 using ip::setHook;
+using ip::Texts;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -83,6 +84,35 @@ TEST_F(IpEvents, TheStartInitialisesBothQueuesLocks)
         EXPECT_EQ(lock->owner_cpu, 0xFFFFFFFFU);
         EXPECT_EQ(lock->owner, ~uint64_t{0});
     }
+}
+
+// Whether a record stands in a queue, whenever a lock was just taken or is about to be released.
+template <typename Event>
+std::function<void(const std::string &)> watch(const Event *ev, Texts &seen)
+{
+    return [ev, &seen](const std::string &func) {
+        seen.push_back(func + (ev->link.next != &ev->link ? " queued" : " alone"));
+    };
+}
+
+TEST_F(IpEvents, RecordsAreLinkedAndUnlinkedUnderTheirQueuesLock)
+{
+    Texts events;
+    Texts notices;
+    NasIpEvent *ev = NasIpMgr_CreateEvent("10.0.0.1", 0, 3);
+    NasIpNotifyEvent *notice = NasIpMgr_CreateNotifyEvent(7, 2);
+    fake::duringLocks(watch(ev, events));
+    NasIpMgr_AddEvent(ev);
+    take();
+    fake::duringLocks(watch(notice, notices));
+    NasIpMgr_AddNotifyEvent(notice);
+    NasIpMgr_GetNotifyEventEntry();
+    const Texts expected = {"do_kvos_spinlock_lock alone", "do_kvos_spinlock_unlock queued",
+                            "do_kvos_spinlock_lock queued", "do_kvos_spinlock_unlock alone"};
+    EXPECT_EQ(events, expected);
+    EXPECT_EQ(notices, expected);
+    NasIpMgr_ReleaseEvent(ev);
+    NasIpMgr_ReleaseNotifyEvent(notice);
 }
 
 TEST_F(IpEvents, NullEventsAreNeitherQueuedNorFreed)
@@ -219,7 +249,7 @@ TEST_F(IpEvents, WithoutAValidNoticeTheHostIsNotCalled)
 TEST_F(IpEvents, ATableThatCannotBeClearedLeavesTheNoticesQueued)
 {
     NasIpMgrAddNewNotifyEvent(7, 2);
-    faults::failNextClear(406);
+    faults::failClear(1, 406);
     NasIpMgrNotifyEventHandle();
     EXPECT_EQ(fake::log().back(), "3 PROTOCOL: handle notify event, memset error(406)");
     EXPECT_THAT(fake::calls("NasAuthAgentNsNotifyLifChange"), IsEmpty());
@@ -322,7 +352,7 @@ TEST_F(IpEvents, NoticesAreDrainedBeforeEverySingleEvent)
     NasIpMgrDeleteOldIP("10.0.0.1", 3);
     NasIpMgrDeleteOldIP("10.0.0.2", 3);
     runHandler();
-    ip::Texts order = ip::logStarting("6 PROTOCOL: ");
+    Texts order = ip::logStarting("6 PROTOCOL: ");
     std::erase_if(order, [](const std::string &line) {
         return line.find("notify tenants") == std::string::npos && line.find("Handle event") == std::string::npos;
     });

@@ -13,10 +13,17 @@
 
 namespace {
 
+// A failure that comes due.
+struct Fault {
+    int nth = 0; // 0 = none
+    int error = 0;
+};
+
 struct Faults {
     std::mutex mutex;
-    int clearError = 0;
-    int cutCopyError = 0;
+    Fault clear;
+    Fault copy;
+    Fault cutCopy;
     std::string printFormat;
     int printCountdown = 0;
     std::deque<int> waitErrors;
@@ -32,10 +39,17 @@ Function next(const char *name)
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
-int take(int &error)
+void set(Fault &fault, int nth, int error)
 {
     const std::lock_guard guard(g_faults.mutex);
-    return std::exchange(error, 0);
+    fault = {nth, error};
+}
+
+// The error of this call, or 0.
+int take(Fault &fault)
+{
+    const std::lock_guard guard(g_faults.mutex);
+    return fault.nth > 0 && --fault.nth == 0 ? fault.error : 0;
 }
 
 bool printFails(const char *format)
@@ -51,24 +65,28 @@ namespace faults {
 void reset()
 {
     const std::lock_guard guard(g_faults.mutex);
-    g_faults.clearError = 0;
-    g_faults.cutCopyError = 0;
+    g_faults.clear = {};
+    g_faults.copy = {};
+    g_faults.cutCopy = {};
     g_faults.printCountdown = 0;
     g_faults.waitErrors.clear();
     g_faults.waitAction = nullptr;
     g_faults.waits = 0;
 }
 
-void failNextClear(int error)
+void failClear(int nth, int error)
 {
-    const std::lock_guard guard(g_faults.mutex);
-    g_faults.clearError = error;
+    set(g_faults.clear, nth, error);
+}
+
+void failCopy(int nth, int error)
+{
+    set(g_faults.copy, nth, error);
 }
 
 void failNextCutCopy(int error)
 {
-    const std::lock_guard guard(g_faults.mutex);
-    g_faults.cutCopyError = error;
+    set(g_faults.cutCopy, 1, error);
 }
 
 void failPrint(const char *format, int nth)
@@ -105,14 +123,21 @@ extern "C" {
 IN_FRONT int _memset_s_chk(void *dest, size_t size, int value, size_t n, size_t bos)
 {
     static const auto real = next<int (*)(void *, size_t, int, size_t, size_t)>("_memset_s_chk");
-    const int error = take(g_faults.clearError);
+    const int error = take(g_faults.clear);
     return error != 0 ? error : real(dest, size, value, n, bos);
+}
+
+IN_FRONT int _memcpy_s_chk(void *dest, size_t size, const void *src, size_t n, size_t destBos, size_t srcBos)
+{
+    static const auto real = next<int (*)(void *, size_t, const void *, size_t, size_t, size_t)>("_memcpy_s_chk");
+    const int error = take(g_faults.copy);
+    return error != 0 ? error : real(dest, size, src, n, destBos, srcBos);
 }
 
 IN_FRONT int _strncpy_s_chk(char *dest, size_t size, const char *src, size_t n, size_t destBos, size_t srcBos)
 {
     static const auto real = next<int (*)(char *, size_t, const char *, size_t, size_t, size_t)>("_strncpy_s_chk");
-    const int error = take(g_faults.cutCopyError);
+    const int error = take(g_faults.cutCopy);
     return error != 0 ? error : real(dest, size, src, n, destBos, srcBos);
 }
 

@@ -10,8 +10,10 @@ namespace faults {
 
 void reset();
 
-// The next clearing of memory, or cut copy of a text, fails with this code.
-void failNextClear(int error);
+// The nth clearing or copy of memory from now on (1 = the next) fails with this code.
+void failClear(int nth, int error);
+void failCopy(int nth, int error);
+// The next cut copy of a text fails with this code.
 void failNextCutCopy(int error);
 // The nth print with exactly this format fails (1 = the next).
 void failPrint(const char *format, int nth);

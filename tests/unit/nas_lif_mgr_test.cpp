@@ -149,6 +149,36 @@ TEST_F(LifAdd, AllocatesUnderTheSpinLockAndLogsOutsideIt)
     EXPECT_THAT(fake::callsUnderSpinLock(), ElementsAre("nas_mem_comm_alloc"));
 }
 
+// Where the table stands whenever a lock was just taken or is about to be released, with the bucket's lock.
+std::string standing(const std::string &func)
+{
+    const bool bucketHeld = g_NfsLifPortInfo.buckets[1].lock.word == ~uint64_t{0};
+    return func + ": slot " + std::to_string(g_NfsLifPortInfo.slots[5062]) + ", " + std::to_string(table().size()) +
+           " listed, bucket " + (bucketHeld ? "held" : "free");
+}
+
+TEST_F(LifAdd, ClaimsTheSlotAndListsItsOwnerUnderTheSpinLockInsideTheBuckets)
+{
+    Texts seen;
+    uint32_t isNew = 9;
+    fake::duringLocks([&](const std::string &func) { seen.push_back(standing(func)); });
+    nas_lifportid_hashadd(1, "eth0", "10.0.0.1", 5, &isNew);
+    EXPECT_THAT(seen, ElementsAre("kvos_rwlock_write_lock: slot 0, 0 listed, bucket held",
+                                  "do_kvos_spinlock_lock: slot 0, 0 listed, bucket held",
+                                  "do_kvos_spinlock_unlock: slot 1, 1 listed, bucket held",
+                                  "kvos_rwlock_write_unlock: slot 1, 1 listed, bucket held"));
+}
+
+TEST_F(LifAdd, ReplacesDataUnderTheBucketsLock)
+{
+    Texts seen;
+    uint32_t isNew = 9;
+    nas_lifport_add(1, "eth0", "10.0.0.1", 5);
+    fake::duringLocks([&](const std::string &func) { seen.push_back(func + " " + lif::entriesOf(1)[0]->name); });
+    nas_lifportid_hashadd(1, "eth1", "10.0.0.2", 6, &isNew);
+    EXPECT_THAT(seen, ElementsAre("kvos_rwlock_write_lock eth0", "kvos_rwlock_write_unlock eth1"));
+}
+
 TEST_F(LifAdd, WithoutMemoryKeepsTheSlotClaimed)
 {
     fake::failAllocation(1);
@@ -244,7 +274,7 @@ TEST_F(LifAdd, OfAKnownIdFailsWithTheSumOfItsFailedCopies)
     faults::reset();
     uint32_t isNew = 9;
     nas_lifportid_hashadd(1, "eth0", "10.0.0.1", 5, &isNew);
-    faults::failNextClear(7);
+    faults::failClear(1, 7);
     EXPECT_EQ(nas_lifportid_hashadd(1, nullptr, "10.0.0.2", 6, &isNew), 0xFFFFFFFFU);
     EXPECT_EQ(fake::log().back(),
               "class 3 PROTOCOL: Err,lif:1,name:(null), ip:10.0.0.2, time:6-6, index:5062, ret:407.");
@@ -258,6 +288,29 @@ TEST_F(LifAdd, HoldsTheBucketWhileItCreatesAndNotWhileItReports)
     nas_lifportid_hashadd(1, "eth0", "10.0.0.1", 5, &isNew);
     nas_lifportid_hashadd(1, "eth0", "10.0.0.1", 5, &isNew);
     EXPECT_THAT(words, ElementsAre(~0ULL, 0U));
+}
+
+TEST_F(LifAdd, ThatFailsToCreateSaysThatItWasNewAndReleasesTheBucket)
+{
+    struct Row {
+        const char *what;
+        uint64_t failingAllocation;
+        const char *name;
+        Texts lines;
+    };
+    for (const Row &row : {Row{"no memory", 1, "eth0", {"class 3 PROTOCOL: malloc failed(lifportid:1)."}},
+                           Row{"no name", 0, nullptr, {}}}) {
+        SetUp();
+        const size_t start = logged();
+        uint32_t isNew = 9;
+        fake::failAllocation(row.failingAllocation);
+        EXPECT_EQ(nas_lifportid_hashadd(1, row.name, "10.0.0.1", 5, &isNew), 0xFFFFFFFFU) << row.what;
+        EXPECT_EQ(isNew, 1U) << row.what;
+        EXPECT_EQ(g_NfsLifPortInfo.buckets[1].lock.word, 0U) << row.what;
+        EXPECT_EQ(g_NfsLifPortInfo.lock.lock, 0U) << row.what;
+        EXPECT_THAT(table(), IsEmpty()) << row.what;
+        EXPECT_EQ(logSince(start), row.lines) << row.what;
+    }
 }
 
 TEST_F(LifAdd, WithNowhereToTellWhetherItIsNewIsRefused)
@@ -368,6 +421,21 @@ TEST_F(LifDelete, RemovesPortSlotAndPerformancePath)
     EXPECT_EQ(fake::logLines().back().func, "nas_lifportid_del_update");
 }
 
+TEST_F(LifDelete, ReleasesTheSlotUnderTheSpinLockInsideTheBuckets)
+{
+    Texts seen;
+    fake::duringLocks([&](const std::string &func) {
+        if (g_NfsLifPortInfo.buckets[0].lock.word == 0 && g_NfsLifPortInfo.buckets[1].lock.word != 0) {
+            seen.push_back(standing(func));
+        }
+    });
+    nas_lifportid_del_update("10.0.0.1", 5);
+    EXPECT_THAT(seen, ElementsAre("kvos_rwlock_write_lock: slot 1, 1 listed, bucket held",
+                                  "do_kvos_spinlock_lock: slot 1, 1 listed, bucket held",
+                                  "do_kvos_spinlock_unlock: slot 0, 1 listed, bucket held",
+                                  "kvos_rwlock_write_unlock: slot 0, 0 listed, bucket held"));
+}
+
 TEST_F(LifDelete, OlderThanTheLastAddIsIgnoredSilently)
 {
     nas_lifportid_del_update("10.0.0.1", 4);
@@ -461,6 +529,15 @@ TEST_F(LifName, IsCopiedUnderAReadLock)
     EXPECT_EQ(nas_get_lifport_name(1, name, sizeof name), 0U);
     kvos_rwlock_read_unlock(&g_NfsLifPortInfo.buckets[1].lock);
     EXPECT_STREQ(name, "eth0");
+}
+
+TEST_F(LifName, IsCopiedBeforeTheReadLockIsReleased)
+{
+    char name[8] = "xxxxxxx";
+    Texts seen;
+    fake::duringLocks([&](const std::string &func) { seen.push_back(func + " " + name); });
+    EXPECT_EQ(nas_get_lifport_name(1, name, sizeof name), 0U);
+    EXPECT_THAT(seen, ElementsAre("kvos_rwlock_read_lock xxxxxxx", "kvos_rwlock_read_unlock eth0"));
 }
 
 TEST_F(LifName, OfAnUnknownIdLeavesTheBufferAlone)

@@ -293,6 +293,26 @@ TEST_F(Fmm, MoveOfACallerThatDoesNotWaitMayFail)
     EXPECT_THAT(fake::log(), ElementsAre("3 PROTOCOL: Error for memory short!"));
 }
 
+TEST_F(Fmm, MoveFillsEveryFieldOfItsJob)
+{
+    for (const uint8_t isLwt : {uint8_t{0}, uint8_t{1}}) {
+        SCOPED_TRACE(int{isLwt});
+        fake::reset();
+        fake::answerAlways("kvlwt_is_lwtcontext", isLwt);
+        nas_fmm_vnode_callback(0x01020304, kData, isLwt != 0 ? static_cast<void *>(&light_) : &posix_);
+        const auto *job = static_cast<const vnode_move_job *>(fake::threadArgument(0));
+        EXPECT_EQ(job->event, 0x01020304U);
+        EXPECT_EQ(job->isLwt, isLwt);
+        EXPECT_EQ(job->sem, isLwt != 0 ? static_cast<void *>(&light_) : &posix_);
+        EXPECT_EQ(job->data, kData);
+        fake::runThread(0);
+        EXPECT_EQ(fake::notices().at(0).argument, argumentOf(kData));
+        EXPECT_EQ(fake::notices().at(1).argument, argumentOf(kData));
+    }
+    EXPECT_EQ(posixUps(), 1);
+    EXPECT_EQ(fake::upsOf(&light_), 1U);
+}
+
 TEST_F(Fmm, MoveWithoutAJobIsLogged)
 {
     nas_fmm_vnode_move_lwt(nullptr);
