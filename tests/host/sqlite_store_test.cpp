@@ -44,16 +44,21 @@ private:
     sqlite3 *handle_ = nullptr;
 };
 
-std::string refusalOf(const std::string &file)
+std::string refusalOf(const host::StoreSettings &settings)
 {
-    host::StoreSettings settings;
-    settings.file = file;
     try {
         host::openStore(settings);
     } catch (const std::runtime_error &error) {
         return error.what();
     }
     return "(accepted)";
+}
+
+std::string refusalOf(const std::string &file)
+{
+    host::StoreSettings settings;
+    settings.file = file;
+    return refusalOf(settings);
 }
 
 // A process that runs the work and leaves without any of the test's clean-up.
@@ -162,6 +167,47 @@ TEST_F(SqliteStore, ProcessesShareTheFileAndLoseNoWrite)
     EXPECT_EQ(open()->read("count").item.value, std::to_string(kProcesses * kEach));
 }
 
+// A process waits for its start on the pipe, so that all of them meet in the preparation of the file.
+pid_t startOpener(const std::string &file, const std::array<int, 2> &gate)
+{
+    return startProcess([&] {
+        char go = 0;
+        close(gate[1]);
+        if (read(gate[0], &go, 1) != 0 || refusalOf(file) != "(accepted)") {
+            _exit(1);
+        }
+    });
+}
+
+TEST_F(SqliteStore, ProcessesThatMakeTheFileAtOnceWaitForEachOther)
+{
+    for (int round = 0; round < 25; ++round) {
+        const std::string file = backend_.file() + std::to_string(round);
+        std::array<int, 2> gate{};
+        ASSERT_EQ(pipe(gate.data()), 0);
+        std::array<pid_t, 4> processes{};
+        for (pid_t &pid : processes) {
+            pid = startOpener(file, gate);
+        }
+        close(gate[1]); // the end of the pipe is the start of all
+        for (const pid_t pid : processes) {
+            EXPECT_EQ(exitCodeOf(pid), 0);
+        }
+        close(gate[0]);
+    }
+}
+
+TEST_F(SqliteStore, AFileThatStaysInAnotherProcessesHoldIsRefused)
+{
+    Connection other(backend_.file());
+    other.run("BEGIN EXCLUSIVE");
+    auto settings = backend_.settings();
+    settings.timeout = milliseconds(20);
+    EXPECT_EQ(refusalOf(settings), "cluster store " + backend_.file() + ": database is locked");
+    other.run("ROLLBACK");
+    EXPECT_EQ(refusalOf(settings), "(accepted)");
+}
+
 TEST_F(SqliteStore, AWatchTellsWhatAnotherProcessWrites)
 {
     const auto store = open();
@@ -181,6 +227,31 @@ TEST_F(SqliteStore, AWatchTellsWhatAnotherProcessWrites)
     EXPECT_EQ(exitCodeOf(pid), 0);
     close(ends[0]);
     close(ends[1]);
+}
+
+// Each look of a watch asks for the time once, at its begin, so the second one that is asked tells that a whole look
+// was made in between.
+TEST_F(SqliteStore, AWatchThatCannotReadTheChangesTellsOfALossWhenItCan)
+{
+    auto looks = std::make_shared<std::atomic<int>>(0);
+    auto settings = backend_.settings();
+    settings.clock = [looks] { return milliseconds(++*looks); };
+    const auto store = host::openStore(settings);
+    store->create("a", "one");
+    Events events;
+    const auto watch = store->watch("", 0, events.callback());
+    events.wait(1);
+    Connection other(backend_.file());
+
+    other.run("BEGIN; UPDATE store SET revision = 9, forgotten = 9; ALTER TABLE change RENAME TO taken; COMMIT");
+    const int before = *looks;
+    EXPECT_TRUE(store_test::eventually([&] { return *looks >= before + 2; }));
+    EXPECT_EQ(events.count(), 1U);
+    other.run("ALTER TABLE taken RENAME TO change");
+
+    const auto seen = events.wait(2);
+    EXPECT_THAT(told(seen), ElementsAre("put a one v1", "lost"));
+    EXPECT_EQ(seen.back().item.revision, 10U);
 }
 
 TEST_F(SqliteStore, KeepsWhatItHoldsWhenItIsClosed)
@@ -300,6 +371,8 @@ TEST_F(SqliteStore, RefusesAFileThatIsNotItsOwn)
 
     const std::string folder = std::filesystem::path(backend_.file()).parent_path();
     EXPECT_EQ(refusalOf(folder), "cluster store " + folder + ": unable to open database file");
+    EXPECT_EQ(refusalOf(std::string(":memory:")),
+              "cluster store :memory:: no write-ahead log can be kept there, its journal mode stays memory");
     EXPECT_EQ(refusalOf(text + "/cluster.db"), "cluster store " + text + "/cluster.db: Not a directory");
 }
 
