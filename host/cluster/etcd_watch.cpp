@@ -95,12 +95,12 @@ std::string EtcdWatch::request() const
 // The header makes a member end the stream when it has lost the cluster's leader, instead of going on in silence.
 void EtcdWatch::follow(const std::string &endpoint)
 {
-    Stream stream{multi_.get()};
+    const std::string url = endpoint + "/v3/watch";
+    const std::string body = request();
+    Stream stream{multi_.get()}; // after the body, which libcurl does not copy
     if (stream.handle == nullptr) {
         return;
     }
-    const std::string url = endpoint + "/v3/watch";
-    const std::string body = request();
     stream.headers = curl_slist_append(stream.headers, "Grpc-Metadata-hasleader: true");
     setUpEtcdRequest(stream.handle, url, body, stream.headers);
     curl_easy_setopt(stream.handle, CURLOPT_CONNECTTIMEOUT_MS, kConnectMs);
