@@ -6,6 +6,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <gmock/gmock.h>
 #include <random>
 #include <sqlite3.h>
@@ -167,34 +168,45 @@ TEST_F(SqliteStore, ProcessesShareTheFileAndLoseNoWrite)
     EXPECT_EQ(open()->read("count").item.value, std::to_string(kProcesses * kEach));
 }
 
-// A process waits for its start on the pipe, so that all of them meet in the preparation of the file.
-pid_t startOpener(const std::string &file, const std::array<int, 2> &gate)
+// While it lives, tells of every statement that a connection of this process begins, if that was opened in the
+// meantime.
+class StatementTrace {
+public:
+    explicit StatementTrace(std::function<void(const std::string &sql)> begun)
+    {
+        s_begun = std::move(begun);
+        sqlite3_auto_extension(reinterpret_cast<void (*)()>(follow));
+    }
+    ~StatementTrace() { sqlite3_reset_auto_extension(); }
+    StatementTrace(const StatementTrace &) = delete;
+    StatementTrace &operator=(const StatementTrace &) = delete;
+
+private:
+    static int follow(sqlite3 *handle, const char ** /*error*/, const void * /*routines*/)
+    {
+        return sqlite3_trace_v2(handle, SQLITE_TRACE_STMT, tell, nullptr);
+    }
+    static int tell(unsigned /*what*/, void * /*context*/, void *statement, void * /*text*/)
+    {
+        s_begun(sqlite3_sql(static_cast<sqlite3_stmt *>(statement)));
+        return 0;
+    }
+
+    static inline std::function<void(const std::string &sql)> s_begun;
+};
+
+TEST_F(SqliteStore, WaitsForAnotherProcessThatPreparesTheFile)
 {
-    return startProcess([&] {
-        char go = 0;
-        close(gate[1]);
-        if (read(gate[0], &go, 1) != 0 || refusalOf(file) != "(accepted)") {
-            _exit(1);
+    Connection other(backend_.file());
+    other.run("BEGIN IMMEDIATE");
+    int tries = 0;
+    const StatementTrace trace([&](const std::string &sql) {
+        if (sql.starts_with("PRAGMA journal_mode") && ++tries == 2) {
+            other.run("ROLLBACK");
         }
     });
-}
-
-TEST_F(SqliteStore, ProcessesThatMakeTheFileAtOnceWaitForEachOther)
-{
-    for (int round = 0; round < 25; ++round) {
-        const std::string file = backend_.file() + std::to_string(round);
-        std::array<int, 2> gate{};
-        ASSERT_EQ(pipe(gate.data()), 0);
-        std::array<pid_t, 4> processes{};
-        for (pid_t &pid : processes) {
-            pid = startOpener(file, gate);
-        }
-        close(gate[1]); // the end of the pipe is the start of all
-        for (const pid_t pid : processes) {
-            EXPECT_EQ(exitCodeOf(pid), 0);
-        }
-        close(gate[0]);
-    }
+    EXPECT_EQ(refusalOf(backend_.settings()), "(accepted)");
+    EXPECT_EQ(tries, 2);
 }
 
 TEST_F(SqliteStore, AFileThatStaysInAnotherProcessesHoldIsRefused)
