@@ -48,10 +48,19 @@ private:
     ns_request request_{&sem_, &value_, 0};
 };
 
+// Under a spin lock only the numbers are copied: whoever waits for it burns a processor.
 Json localPart()
 {
-    const SpinHold hold(s_clusterVerinfo.lock);
-    return {{"version", s_clusterVerinfo.version}, {"fl", s_clusterVerinfo.FL}, {"seq", s_clusterVerinfo.seq}};
+    int64_t version = 0;
+    uint32_t level = 0;
+    uint64_t seq = 0;
+    {
+        const SpinHold hold(s_clusterVerinfo.lock);
+        version = s_clusterVerinfo.version;
+        level = s_clusterVerinfo.FL;
+        seq = s_clusterVerinfo.seq;
+    }
+    return {{"version", version}, {"fl", level}, {"seq", seq}};
 }
 
 // Refuses the call unless the store answers. Whether the name is there.
@@ -91,14 +100,18 @@ Json storePart()
 
 Json getName(const CallInput & /*input*/)
 {
-    Json local = localPart();
-    Json store = storePart();
-    const SpinHold hold(s_dpcNsLock);
+    uint64_t version = 0;
+    uint64_t published = 0;
+    {
+        const SpinHold hold(s_dpcNsLock);
+        version = s_nasctrlDpcNsStat.version;
+        published = g_nsPubSeq;
+    }
     return {{"name", GetNasCtrlClusterNsName()},
-            {"store", std::move(store)},
-            {"version", s_nasctrlDpcNsStat.version},
-            {"local", std::move(local)},
-            {"published", g_nsPubSeq}};
+            {"store", storePart()},
+            {"version", version},
+            {"local", localPart()},
+            {"published", published}};
 }
 
 Json postName(const CallInput & /*input*/)

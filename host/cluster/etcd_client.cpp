@@ -2,6 +2,7 @@
 
 #include <boost/beast/core/detail/base64.hpp>
 #include <charconv>
+#include <new>
 
 namespace host {
 
@@ -12,7 +13,8 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr long kHttpOk = 200;
-constexpr const char *kAnyKey = "AA=="; // the smallest key there is
+constexpr size_t kMaxAnswer = 64U << 20; // no list or history of a cluster's records comes near it
+constexpr const char *kAnyKey = "AA==";  // the smallest key there is
 
 void startCurl()
 {
@@ -24,8 +26,7 @@ void startCurl()
 
 size_t appendTo(const char *data, size_t size, size_t count, void *text)
 {
-    static_cast<std::string *>(text)->append(data, size * count);
-    return size * count;
+    return takeEtcdBytes(*static_cast<std::string *>(text), data, size * count);
 }
 
 milliseconds until(steady_clock::time_point time)
@@ -38,6 +39,19 @@ struct Headers {
     ~Headers() { curl_slist_free_all(list); }
 };
 
+int64_t codeOf(const json &refusal)
+{
+    const auto code = refusal.find("code");
+    return code != refusal.end() && code->is_number_integer() ? code->get<int64_t>() : 0;
+}
+
+std::string errorOf(const json &refusal, long status)
+{
+    const auto error = refusal.find("error");
+    return error != refusal.end() && error->is_string() ? error->get<std::string>()
+                                                        : "HTTP status " + std::to_string(status);
+}
+
 // Only an answer of the store itself is taken for one: whatever else came leaves the call's fate open.
 std::string readReply(long status, const std::string &text, EtcdReply &reply)
 {
@@ -49,9 +63,14 @@ std::string readReply(long status, const std::string &text, EtcdReply &reply)
         return {};
     }
     reply.refused = true;
-    reply.code = reply.body.value("code", 0);
+    reply.code = codeOf(reply.body);
     const bool known = reply.code == kEtcdNotFound || reply.code == kEtcdOutOfRange;
-    return known ? "" : reply.body.value("error", "HTTP status " + std::to_string(status));
+    return known ? "" : errorOf(reply.body, status);
+}
+
+const char *failureOf(CURLcode result)
+{
+    return result == CURLE_WRITE_ERROR ? "the answer is too large" : curl_easy_strerror(result);
 }
 
 } // namespace
@@ -92,6 +111,19 @@ std::string toEtcdBytes(const std::string &bytes)
     std::string text(base64::encoded_size(bytes.size()), '\0');
     text.resize(base64::encode(text.data(), bytes.data(), bytes.size()));
     return text;
+}
+
+size_t takeEtcdBytes(std::string &answer, const char *data, size_t size) noexcept
+{
+    if (size > kMaxAnswer - answer.size()) {
+        return 0;
+    }
+    try {
+        answer.append(data, size);
+    } catch (const std::bad_alloc &) {
+        return 0;
+    }
+    return size;
 }
 
 void setUpEtcdRequest(CURL *handle, const std::string &url, const std::string &body, curl_slist *headers)
@@ -177,7 +209,7 @@ EtcdClient::Attempt EtcdClient::attempt(const std::string &url, const std::strin
     curl_easy_getinfo(handle, CURLINFO_REQUEST_SIZE, &sent);
     giveHandle(handle);
     made.sent = sent > 0;
-    made.error = result == CURLE_OK ? readReply(status, text, made.reply) : curl_easy_strerror(result);
+    made.error = result == CURLE_OK ? readReply(status, text, made.reply) : failureOf(result);
     return made;
 }
 

@@ -19,7 +19,7 @@ struct EtcdError : std::runtime_error {
 // The gateway's own answer, or its refusal.
 struct EtcdReply {
     bool refused = false;
-    int code = 0; // of the refusal, as gRPC numbers it
+    int64_t code = 0; // of the refusal, as gRPC numbers it
     nlohmann::json body = nlohmann::json::object();
 };
 
@@ -74,6 +74,10 @@ private:
     std::mutex handlesMutex_;
     std::vector<CURL *> handles_; // idle ones, with their connections
 };
+
+// Adds what came of an answer: the size, or 0 when the answer is too large to be one, which makes libcurl end it.
+// Throws nothing, because libcurl's frames are C.
+size_t takeEtcdBytes(std::string &answer, const char *data, size_t size) noexcept;
 
 // What every request to the gateway has in common.
 void setUpEtcdRequest(CURL *handle, const std::string &url, const std::string &body, curl_slist *headers);

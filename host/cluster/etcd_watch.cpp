@@ -15,11 +15,13 @@ constexpr milliseconds kPause{100}; // between two tries
 constexpr long kConnectMs = 2000;
 
 struct Stream {
+    CURLM *multi;
     CURL *handle = curl_easy_init();
     curl_slist *headers = curl_slist_append(nullptr, "Content-Type: application/json");
 
     ~Stream()
     {
+        curl_multi_remove_handle(multi, handle);
         curl_easy_cleanup(handle);
         curl_slist_free_all(headers);
     }
@@ -61,19 +63,22 @@ EtcdWatch::EtcdWatch(EtcdClient &client, milliseconds quiet, const std::string &
 EtcdWatch::~EtcdWatch()
 {
     stopping_ = true;
-    curl_multi_wakeup(multi_);
+    curl_multi_wakeup(multi_.get());
     thread_.join();
-    curl_multi_cleanup(multi_);
 }
 
 void EtcdWatch::run()
 {
     while (!stopping_) {
-        const std::string endpoint = client_.endpoint();
-        follow(endpoint);
-        client_.passOver(endpoint);
+        try {
+            const std::string endpoint = client_.endpoint();
+            follow(endpoint);
+            client_.passOver(endpoint);
+        } catch (const std::exception &) {
+            // No memory: ask anew from where the delivered changes end.
+        }
         if (!stopping_) {
-            curl_multi_poll(multi_, nullptr, 0, static_cast<int>(kPause.count()), nullptr);
+            curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(kPause.count()), nullptr);
         }
     }
 }
@@ -90,21 +95,20 @@ std::string EtcdWatch::request() const
 // The header makes a member end the stream when it has lost the cluster's leader, instead of going on in silence.
 void EtcdWatch::follow(const std::string &endpoint)
 {
-    Stream stream;
+    const std::string url = endpoint + "/v3/watch";
+    const std::string body = request();
+    Stream stream{multi_.get()}; // after the body, which libcurl does not copy
     if (stream.handle == nullptr) {
         return;
     }
-    const std::string url = endpoint + "/v3/watch";
-    const std::string body = request();
     stream.headers = curl_slist_append(stream.headers, "Grpc-Metadata-hasleader: true");
     setUpEtcdRequest(stream.handle, url, body, stream.headers);
     curl_easy_setopt(stream.handle, CURLOPT_CONNECTTIMEOUT_MS, kConnectMs);
     curl_easy_setopt(stream.handle, CURLOPT_WRITEFUNCTION, append);
     curl_easy_setopt(stream.handle, CURLOPT_WRITEDATA, this);
     received_.clear();
-    curl_multi_add_handle(multi_, stream.handle);
+    curl_multi_add_handle(multi_.get(), stream.handle);
     receive(endpoint);
-    curl_multi_remove_handle(multi_, stream.handle);
 }
 
 // A member that hangs keeps its connections open, so silence alone tells nothing: it is asked.
@@ -113,11 +117,11 @@ void EtcdWatch::receive(const std::string &endpoint)
     heard_ = steady_clock::now();
     int running = 1;
     while (!stopping_) {
-        curl_multi_perform(multi_, &running);
+        curl_multi_perform(multi_.get(), &running);
         if (!takeLines() || running == 0) {
             return;
         }
-        curl_multi_poll(multi_, nullptr, 0, static_cast<int>(quiet_.count()), nullptr);
+        curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(quiet_.count()), nullptr);
         if (!stopping_ && steady_clock::now() - heard_ >= quiet_) {
             if (!client_.answers(endpoint)) {
                 return;
@@ -130,9 +134,8 @@ void EtcdWatch::receive(const std::string &endpoint)
 size_t EtcdWatch::append(const char *data, size_t size, size_t count, void *watch)
 {
     auto &self = *static_cast<EtcdWatch *>(watch);
-    self.received_.append(data, size * count);
     self.heard_ = steady_clock::now();
-    return size * count;
+    return takeEtcdBytes(self.received_, data, size * count);
 }
 
 // Each line is an answer. False when the stream is at its end.
@@ -170,6 +173,7 @@ bool EtcdWatch::takeResult(const json &result)
         takeEvents(*events);
     } else { // a sign of progress: everything up to this revision was delivered
         next_ = std::max(next_, etcdNumber(result.at("header"), "revision") + 1);
+        fromTheBeginning_ = false;
     }
     return true;
 }

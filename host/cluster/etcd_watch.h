@@ -20,6 +20,9 @@ public:
     ~EtcdWatch() override;
 
 private:
+    struct MultiEnd {
+        void operator()(CURLM *multi) const { curl_multi_cleanup(multi); }
+    };
     void run();
     void follow(const std::string &endpoint);
     void receive(const std::string &endpoint);
@@ -38,7 +41,7 @@ private:
     uint64_t next_;         // the first revision that was not delivered
     std::string received_;  // not yet taken
     std::chrono::steady_clock::time_point heard_;
-    CURLM *multi_; // one for the whole life, because it is what wakes the thread
+    std::unique_ptr<CURLM, MultiEnd> multi_; // one for the whole life, because it is what wakes the thread
     std::atomic<bool> stopping_ = false;
     std::thread thread_; // the last member, because it uses the others
 };

@@ -213,19 +213,31 @@ void NameService::run()
     }
 }
 
+NameService::Found NameService::find(const std::string &key) noexcept
+{
+    try {
+        const StoreRead found = store_->read(key);
+        auto value = valueOfName(found.item.value);
+        if (found.result == StoreResult::done && value) {
+            return {0, found.item.version, std::move(*value)};
+        }
+        return {found.result == StoreResult::done ? -EPROTO : codeOf(found.result), 0, {}};
+    } catch (const std::exception &) {
+        return {-ENOMEM, 0, {}};
+    }
+}
+
 void NameService::answer(const Read &read)
 {
-    const StoreRead found = store_->read(read.key);
-    const auto value = valueOfName(found.item.value);
-    const int32_t code = found.result == StoreResult::done && !value ? -EPROTO : codeOf(found.result);
-    if (code != 0) {
-        read.callback(code, nullptr, read.context);
+    const Found found = find(read.key);
+    if (found.code != 0) {
+        read.callback(found.code, nullptr, read.context);
         return;
     }
     ns_info_t info{};
-    info.version = static_cast<int64_t>(found.item.version);
-    info.value = value->empty() ? nullptr : value->data();
-    info.length = static_cast<uint32_t>(value->size());
+    info.version = static_cast<int64_t>(found.version);
+    info.value = found.value.empty() ? nullptr : found.value.data();
+    info.length = static_cast<uint32_t>(found.value.size());
     read.callback(0, &info, read.context);
 }
 

@@ -33,7 +33,8 @@ std::optional<std::string> valueOfName(const std::string &stored);
 
 // Any thread. Names are 1 to kMaxNameLength bytes, values up to kMaxNameValue. Error codes are negative errno values:
 // -ENOENT there is no such name, -ESTALE the name has another version, -ETIMEDOUT the store does not tell, -EPROTO the
-// key holds no name, -EBUSY too many reads wait, -ESHUTDOWN the service stops.
+// key holds no name, -ENOMEM there is no memory for an answer, -EBUSY too many reads wait, -ESHUTDOWN the service
+// stops.
 class NameService {
 public:
     explicit NameService(std::shared_ptr<Store> store);
@@ -63,7 +64,13 @@ private:
         std::string stored;
         uint64_t version; // that it was to follow
     };
+    struct Found {
+        int32_t code;
+        uint64_t version = 0;
+        std::string value;
+    };
     void run();
+    Found find(const std::string &key) noexcept;
     void answer(const Read &read);
     std::string stamped(std::string_view value);
     std::optional<OpenWrite> takeOpen(const std::string &key, std::string_view value);

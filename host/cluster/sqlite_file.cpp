@@ -62,7 +62,7 @@ SqliteFile::SqliteFile(std::string path, Open how, std::chrono::milliseconds pat
     if (sqlite3_open_v2(path_.c_str(), &handle_, flags, nullptr) != SQLITE_OK) {
         const std::string why = sqlite3_errmsg(handle_);
         sqlite3_close_v2(handle_);
-        throw SqliteError("cluster store " + path_ + ": " + why);
+        fail(why);
     }
     setPatience(patience);
 }
@@ -110,12 +110,21 @@ void SqliteFile::checkThere()
 
 void SqliteFile::fail() const
 {
-    fail(sqlite3_errmsg(handle_));
+    const std::string why = sqlite3_errmsg(handle_);
+    if (sqlite3_errcode(handle_) == SQLITE_BUSY) {
+        throw SqliteBusy(lineOf(why));
+    }
+    fail(why);
 }
 
 void SqliteFile::fail(const std::string &why) const
 {
-    throw SqliteError("cluster store " + path_ + ": " + why);
+    throw SqliteError(lineOf(why));
+}
+
+std::string SqliteFile::lineOf(const std::string &why) const
+{
+    return "cluster store " + path_ + ": " + why;
 }
 
 SqliteTransaction::SqliteTransaction(SqliteFile &file, Kind kind) : file_(file)

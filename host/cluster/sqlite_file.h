@@ -20,6 +20,11 @@ struct SqliteError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// Another process holds the file for longer than the patience.
+struct SqliteBusy : SqliteError {
+    using SqliteError::SqliteError;
+};
+
 // A statement with its values, made anew for each run. Values are bound in the order of the statement's '?'.
 class SqliteQuery {
 public:
@@ -63,10 +68,12 @@ public:
     uint64_t numberOf(const char *sql); // of a statement with one row
     // Throws when another file, or none, has taken the place of the one that is open.
     void checkThere();
-    [[noreturn]] void fail() const; // with what the last call said
+    [[noreturn]] void fail() const; // with what the last call said; SqliteBusy when it met another process's hold
     [[noreturn]] void fail(const std::string &why) const;
 
 private:
+    std::string lineOf(const std::string &why) const;
+
     std::string path_;
     sqlite3 *handle_ = nullptr;
     std::map<const char *, sqlite3_stmt *> statements_;

@@ -115,7 +115,7 @@ SqliteStore::SqliteStore(const StoreSettings &settings)
     : settings_(withClock(settings)), health_(settings.file),
       file_(settings.file, SqliteFile::Open::orMake, settings.timeout), tables_(file_, settings.remembered)
 {
-    prepareTables(file_);
+    prepareTables(file_, settings_.timeout);
 }
 
 template <typename Work>
@@ -316,18 +316,20 @@ std::vector<StoreEvent> SqliteWatch::readChanges()
     SqliteTables tables(*file_, store_.settings().remembered);
     SqliteTransaction transaction(*file_, Kind::read);
     std::vector<StoreEvent> events;
+    ChangeCursor cursor = cursor_;
     const uint64_t forgotten = tables.forgotten();
-    if (forgotten >= cursor_.revision) {
-        cursor_ = {forgotten + 1, {}};
+    if (forgotten >= cursor.revision) {
+        cursor = {forgotten + 1, {}};
         if (!fromTheBeginning_) {
-            events.push_back(lostBefore(cursor_.revision));
+            events.push_back(lostBefore(cursor.revision));
         }
     }
-    fromTheBeginning_ = false;
-    for (StoreEvent &event : tables.changes(cursor_, kChangesAtOnce)) {
+    for (StoreEvent &event : tables.changes(cursor, kChangesAtOnce)) {
         events.push_back(std::move(event));
     }
     transaction.commit();
+    cursor_ = std::move(cursor); // not before: what a failed look found is found again
+    fromTheBeginning_ = false;
     return events;
 }
 

@@ -1,11 +1,16 @@
 #include "cluster/sqlite_tables.h"
 
 #include <fstream>
+#include <thread>
 
 namespace host {
 
 namespace {
 
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds kPause{5};        // between two tries
 constexpr uint64_t kFormat = 0x6e637374; // in the file's header, so that no other program's file is taken for a store
 constexpr uint64_t kPut = 0;
 constexpr uint64_t kRemoved = 1;
@@ -64,16 +69,42 @@ StoreItem itemOf(const SqliteQuery &row)
     return {row.bytesAt(0), row.bytesAt(1), row.numberAt(2), row.numberAt(3), row.numberAt(4)};
 }
 
-uint64_t milliseconds(std::chrono::milliseconds time)
+uint64_t countOf(milliseconds time)
 {
     return static_cast<uint64_t>(time.count());
 }
 
+std::string tryWriteAheadLog(SqliteFile &file)
+{
+    SqliteQuery mode = file.query("PRAGMA journal_mode = WAL");
+    return mode.next() ? mode.bytesAt(0) : std::string();
+}
+
+// SQLite does not wait for another process that changes the mode at the same time, whatever the file's patience is.
+void useWriteAheadLog(SqliteFile &file, milliseconds patience)
+{
+    const auto until = steady_clock::now() + patience;
+    for (;;) {
+        try {
+            const std::string mode = tryWriteAheadLog(file);
+            if (mode != "wal") {
+                file.fail("no write-ahead log can be kept there, its journal mode stays " + mode);
+            }
+            return;
+        } catch (const SqliteBusy &) {
+            if (steady_clock::now() >= until) {
+                throw;
+            }
+        }
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
 } // namespace
 
-void prepareTables(SqliteFile &file)
+void prepareTables(SqliteFile &file, milliseconds patience)
 {
-    file.run("PRAGMA journal_mode = WAL");
+    useWriteAheadLog(file, patience);
     file.run("PRAGMA synchronous = FULL"); // what was acknowledged outlives the process and the machine
     SqliteTransaction transaction(file, SqliteTransaction::Kind::change);
     makeTables(file);
@@ -161,22 +192,22 @@ StoreWrite SqliteTables::remove(const std::string &key)
     return {StoreResult::done, 0, revision};
 }
 
-StoreLease SqliteTables::grant(std::chrono::milliseconds ttl, std::chrono::milliseconds now)
+StoreLease SqliteTables::grant(milliseconds ttl, milliseconds now)
 {
     SqliteQuery row = file_.query("INSERT INTO lease(ttl, deadline) VALUES(?, ?) RETURNING id");
-    row.number(milliseconds(ttl)).number(milliseconds(now + ttl)).next();
+    row.number(countOf(ttl)).number(countOf(now + ttl)).next();
     const StoreLease lease = row.numberAt(0);
     row.run();
     return lease;
 }
 
-std::optional<std::chrono::milliseconds> SqliteTables::keepAlive(StoreLease lease, std::chrono::milliseconds now)
+std::optional<milliseconds> SqliteTables::keepAlive(StoreLease lease, milliseconds now)
 {
     SqliteQuery row = file_.query("UPDATE lease SET deadline = ? + ttl WHERE id = ? RETURNING ttl");
-    if (!row.number(milliseconds(now)).number(lease).next()) {
+    if (!row.number(countOf(now)).number(lease).next()) {
         return std::nullopt;
     }
-    const std::chrono::milliseconds ttl(row.numberAt(0));
+    const milliseconds ttl(row.numberAt(0));
     row.run();
     return ttl;
 }
@@ -200,17 +231,17 @@ void SqliteTables::endLease(StoreLease lease)
     file_.query("DELETE FROM lease WHERE id = ?").number(lease).run();
 }
 
-bool SqliteTables::anyLeaseDue(std::chrono::milliseconds now)
+bool SqliteTables::anyLeaseDue(milliseconds now)
 {
-    return file_.query("SELECT 1 FROM lease WHERE deadline <= ?").number(milliseconds(now)).next();
+    return file_.query("SELECT 1 FROM lease WHERE deadline <= ?").number(countOf(now)).next();
 }
 
-void SqliteTables::endDueLeases(std::chrono::milliseconds now)
+void SqliteTables::endDueLeases(milliseconds now)
 {
     std::vector<StoreLease> due;
     {
         SqliteQuery row = file_.query("SELECT id FROM lease WHERE deadline <= ? ORDER BY deadline, id");
-        row.number(milliseconds(now));
+        row.number(countOf(now));
         while (row.next()) {
             due.push_back(row.numberAt(0));
         }

@@ -11,8 +11,9 @@
 namespace host {
 
 // Makes the tables unless the file has them. Ends all leases when the machine was started anew since they were granted:
-// their holders are gone, and so is the clock that their deadlines were read on.
-void prepareTables(SqliteFile &file);
+// their holders are gone, and so is the clock that their deadlines were read on. Waits that long for the processes that
+// prepare the same file.
+void prepareTables(SqliteFile &file, std::chrono::milliseconds patience);
 
 // Where a reader of the changes stands.
 struct ChangeCursor {

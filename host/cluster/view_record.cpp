@@ -1,6 +1,7 @@
 #include "cluster/view_record.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <nasctrl/version_ns.h>
 #include <new>
@@ -23,6 +24,9 @@ void copyText(char (&field)[Size], const std::string &text)
 ViewRecord::ViewRecord(const DpcView &view)
 {
     const size_t size = view.clients.size() * sizeof(cm_ls_entry);
+    if (size > UINT32_MAX) {
+        throw std::bad_alloc();
+    }
     if (size > 0) {
         record_.ls = static_cast<cm_ls_entry *>(NasCtrlViewMalloc(static_cast<uint32_t>(size)));
         if (record_.ls == nullptr) {

@@ -1,6 +1,7 @@
 // What the cluster store makes of etcd's own ways: several end points, a member that hangs, answers that make no sense.
 #include "store_backends.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
@@ -18,6 +19,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
+constexpr milliseconds kPatient{30000};
+
 std::unique_ptr<host::Store> open(std::vector<std::string> endpoints, milliseconds timeout = milliseconds(2000))
 {
     host::StoreSettings settings;
@@ -26,10 +29,12 @@ std::unique_ptr<host::Store> open(std::vector<std::string> endpoints, millisecon
     return host::openStore(settings);
 }
 
-// An HTTP server that answers every request with the same text, or closes the connection instead of an answer.
+// An HTTP server that answers each request with the next text, and those behind the last one with that. An empty text
+// closes the connection instead of an answer; the others leave it open.
 class ScriptedEndpoint {
 public:
-    explicit ScriptedEndpoint(std::string answer) : answer_(std::move(answer))
+    explicit ScriptedEndpoint(std::string answer) : ScriptedEndpoint(std::vector{std::move(answer)}) {}
+    explicit ScriptedEndpoint(std::vector<std::string> answers) : answers_(std::move(answers))
     {
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -46,6 +51,9 @@ public:
         shutdown(listener_, SHUT_RDWR);
         thread_.join();
         close(listener_);
+        for (const int peer : peers_) {
+            close(peer);
+        }
     }
     ScriptedEndpoint(const ScriptedEndpoint &) = delete;
     ScriptedEndpoint &operator=(const ScriptedEndpoint &) = delete;
@@ -56,16 +64,21 @@ private:
     void serve()
     {
         for (int peer = accept(listener_, nullptr, nullptr); peer >= 0; peer = accept(listener_, nullptr, nullptr)) {
+            peers_.push_back(peer);
             std::string request(4096, '\0');
             if (recv(peer, request.data(), request.size(), 0) > 0) {
-                ++requests_;
-                send(peer, answer_.data(), answer_.size(), MSG_NOSIGNAL);
+                const auto next = static_cast<size_t>(requests_++);
+                const std::string &answer = answers_[std::min(next, answers_.size() - 1)];
+                send(peer, answer.data(), answer.size(), MSG_NOSIGNAL);
+                if (answer.empty()) {
+                    shutdown(peer, SHUT_RDWR);
+                }
             }
-            close(peer);
         }
     }
 
-    std::string answer_;
+    const std::vector<std::string> answers_;
+    std::vector<int> peers_; // of the thread, until it has ended
     std::string url_;
     int listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     std::atomic<int> requests_ = 0;
@@ -162,6 +175,9 @@ TEST(EtcdStore, WhatIsNoAnswerOfEtcdIsUnknown)
         {"a gateway's page", http("502 Bad Gateway", ""), "HTTP status 502 without an answer of etcd"},
         {"no leader", http("503 Service Unavailable", R"({"error":"etcdserver: no leader","code":14})"),
          "etcdserver: no leader"},
+        {"an error that is no text", http("500 Internal Server Error", R"({"error":{}})"), "HTTP status 500"},
+        {"a code that is no number", http("400 Bad Request", R"({"error":"no","code":"5"})"), "no"},
+        {"a code beyond 32 bits", http("400 Bad Request", R"({"error":"no","code":4294967301})"), "no"},
         {"a number that is none", http("200 OK", R"({"succeeded":true,"header":{"revision":"1x"},"kvs":[]})"), ""},
         {"fields of other types", http("200 OK", R"({"succeeded":1,"header":[],"kvs":{},"result":3})"), ""},
     };
@@ -175,6 +191,60 @@ TEST(EtcdStore, WhatIsNoAnswerOfEtcdIsUnknown)
         EXPECT_EQ(store->keepAlive(7).result, StoreResult::unknown) << row.name;
         EXPECT_FALSE(store->status().reachable) << row.name;
     }
+}
+
+// White space may stand before an answer, so only its size makes this one none.
+std::string behindTooMuch(const std::string &answer)
+{
+    return std::string(64U << 20, ' ') + answer;
+}
+
+TEST(EtcdStore, AnAnswerThatIsTooLargeIsUnknown)
+{
+    const ScriptedEndpoint endpoint(http("200 OK", behindTooMuch(R"({"header":{"revision":"1"}})")));
+    const auto store = open({endpoint.url()}, kPatient);
+    EXPECT_EQ(store->read("a").result, StoreResult::unknown);
+    EXPECT_EQ(store->status().error, "cluster store " + endpoint.url() + ": the answer is too large");
+}
+
+// ---- watches
+
+std::string compactedAt(const std::string &revision)
+{
+    return R"({"result":{"canceled":true,"compact_revision":")" + revision + "\"}}\n";
+}
+
+TEST(EtcdStore, AWatchAsksAnewWhenALineIsTooLong)
+{
+    const std::string put = R"({"result":{"events":[{"kv":{"key":"YQ==","version":"1","mod_revision":"2"}}]}})";
+    const ScriptedEndpoint endpoint({http("200 OK", behindTooMuch(put + "\n")), http("200 OK", put + "\n")});
+    const auto store = open({endpoint.url()}, kPatient);
+    Events events;
+    const auto watch = store->watch("", 0, events.callback());
+    EXPECT_THAT(told(events.wait(1)).front(), "put a  v1");
+    EXPECT_GE(endpoint.requests(), 2);
+}
+
+TEST(EtcdStore, AWatchGoesOnWhenItsEndPointAnswersWithWhatEtcdDoesNotSay)
+{
+    const std::string silence = "HTTP/1.1 200 OK\r\n";
+    const std::string refusal = http("500 Internal Server Error", R"({"error":{}})");
+    const ScriptedEndpoint endpoint({silence, refusal, http("200 OK", compactedAt("9"))});
+    const auto store = open({endpoint.url()}, milliseconds(100));
+    Events events;
+    const auto watch = store->watch("", 1, events.callback());
+    EXPECT_EQ(told(events.wait(1)).front(), "lost");
+}
+
+TEST(EtcdStore, AWatchFromTheBeginningThatGotAheadTellsOfALoss)
+{
+    const std::string progress = R"({"result":{"header":{"revision":"5"}}})";
+    const ScriptedEndpoint endpoint(
+        {http("200 OK", progress + "\n" + compactedAt("9")), http("200 OK", compactedAt("20"))});
+    const auto store = open({endpoint.url()}, kPatient);
+    Events events;
+    const auto watch = store->watch("", 0, events.callback());
+    EXPECT_EQ(events.wait(1).front().item.revision, 9U);
 }
 
 } // namespace

@@ -360,6 +360,33 @@ TEST_F(NodesNames, RefuseArgumentsThatMakeNoSense)
     EXPECT_EQ(ns_create(0, longest.c_str(), 0, nullptr, 0), 0);
 }
 
+// A store that has no memory for its first read.
+class PoorStore : public LossyStore {
+public:
+    using LossyStore::LossyStore;
+    host::StoreRead read(const std::string &key) override
+    {
+        if (std::exchange(isPoor_, false)) {
+            throw std::bad_alloc();
+        }
+        return LossyStore::read(key);
+    }
+
+private:
+    bool isPoor_ = true;
+};
+
+TEST_F(NodesNames, AReadWithoutMemoryIsAnErrorAndTheNextOneIsAnswered)
+{
+    const auto store = host::openStore(backend_.settings());
+    NameService names(std::make_shared<PoorStore>(*store));
+    names.create(kKey, "first");
+    const Found refused = readName(names, kKey);
+    EXPECT_EQ(refused.ret, -ENOMEM);
+    EXPECT_FALSE(refused.hasInfo);
+    EXPECT_EQ(readName(names, kKey).value, "first");
+}
+
 // A store whose reads wait at a gate, so that others queue up behind.
 class GatedStore : public LossyStore {
 public:

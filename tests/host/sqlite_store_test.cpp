@@ -6,6 +6,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <gmock/gmock.h>
 #include <random>
 #include <sqlite3.h>
@@ -44,16 +45,21 @@ private:
     sqlite3 *handle_ = nullptr;
 };
 
-std::string refusalOf(const std::string &file)
+std::string refusalOf(const host::StoreSettings &settings)
 {
-    host::StoreSettings settings;
-    settings.file = file;
     try {
         host::openStore(settings);
     } catch (const std::runtime_error &error) {
         return error.what();
     }
     return "(accepted)";
+}
+
+std::string refusalOf(const std::string &file)
+{
+    host::StoreSettings settings;
+    settings.file = file;
+    return refusalOf(settings);
 }
 
 // A process that runs the work and leaves without any of the test's clean-up.
@@ -162,6 +168,58 @@ TEST_F(SqliteStore, ProcessesShareTheFileAndLoseNoWrite)
     EXPECT_EQ(open()->read("count").item.value, std::to_string(kProcesses * kEach));
 }
 
+// While it lives, tells of every statement that a connection of this process begins, if that was opened in the
+// meantime.
+class StatementTrace {
+public:
+    explicit StatementTrace(std::function<void(const std::string &sql)> begun)
+    {
+        s_begun = std::move(begun);
+        sqlite3_auto_extension(reinterpret_cast<void (*)()>(follow));
+    }
+    ~StatementTrace() { sqlite3_reset_auto_extension(); }
+    StatementTrace(const StatementTrace &) = delete;
+    StatementTrace &operator=(const StatementTrace &) = delete;
+
+private:
+    static int follow(sqlite3 *handle, const char ** /*error*/, const void * /*routines*/)
+    {
+        return sqlite3_trace_v2(handle, SQLITE_TRACE_STMT, tell, nullptr);
+    }
+    static int tell(unsigned /*what*/, void * /*context*/, void *statement, void * /*text*/)
+    {
+        s_begun(sqlite3_sql(static_cast<sqlite3_stmt *>(statement)));
+        return 0;
+    }
+
+    static inline std::function<void(const std::string &sql)> s_begun;
+};
+
+TEST_F(SqliteStore, WaitsForAnotherProcessThatPreparesTheFile)
+{
+    Connection other(backend_.file());
+    other.run("BEGIN IMMEDIATE");
+    int tries = 0;
+    const StatementTrace trace([&](const std::string &sql) {
+        if (sql.starts_with("PRAGMA journal_mode") && ++tries == 2) {
+            other.run("ROLLBACK");
+        }
+    });
+    EXPECT_EQ(refusalOf(backend_.settings()), "(accepted)");
+    EXPECT_EQ(tries, 2);
+}
+
+TEST_F(SqliteStore, AFileThatStaysInAnotherProcessesHoldIsRefused)
+{
+    Connection other(backend_.file());
+    other.run("BEGIN EXCLUSIVE");
+    auto settings = backend_.settings();
+    settings.timeout = milliseconds(20);
+    EXPECT_EQ(refusalOf(settings), "cluster store " + backend_.file() + ": database is locked");
+    other.run("ROLLBACK");
+    EXPECT_EQ(refusalOf(settings), "(accepted)");
+}
+
 TEST_F(SqliteStore, AWatchTellsWhatAnotherProcessWrites)
 {
     const auto store = open();
@@ -181,6 +239,31 @@ TEST_F(SqliteStore, AWatchTellsWhatAnotherProcessWrites)
     EXPECT_EQ(exitCodeOf(pid), 0);
     close(ends[0]);
     close(ends[1]);
+}
+
+// Each look of a watch asks for the time once, at its begin, so the second one that is asked tells that a whole look
+// was made in between.
+TEST_F(SqliteStore, AWatchThatCannotReadTheChangesTellsOfALossWhenItCan)
+{
+    auto looks = std::make_shared<std::atomic<int>>(0);
+    auto settings = backend_.settings();
+    settings.clock = [looks] { return milliseconds(++*looks); };
+    const auto store = host::openStore(settings);
+    store->create("a", "one");
+    Events events;
+    const auto watch = store->watch("", 0, events.callback());
+    events.wait(1);
+    Connection other(backend_.file());
+
+    other.run("BEGIN; UPDATE store SET revision = 9, forgotten = 9; ALTER TABLE change RENAME TO taken; COMMIT");
+    const int before = *looks;
+    EXPECT_TRUE(store_test::eventually([&] { return *looks >= before + 2; }));
+    EXPECT_EQ(events.count(), 1U);
+    other.run("ALTER TABLE taken RENAME TO change");
+
+    const auto seen = events.wait(2);
+    EXPECT_THAT(told(seen), ElementsAre("put a one v1", "lost"));
+    EXPECT_EQ(seen.back().item.revision, 10U);
 }
 
 TEST_F(SqliteStore, KeepsWhatItHoldsWhenItIsClosed)
@@ -300,6 +383,8 @@ TEST_F(SqliteStore, RefusesAFileThatIsNotItsOwn)
 
     const std::string folder = std::filesystem::path(backend_.file()).parent_path();
     EXPECT_EQ(refusalOf(folder), "cluster store " + folder + ": unable to open database file");
+    EXPECT_EQ(refusalOf(std::string(":memory:")),
+              "cluster store :memory:: no write-ahead log can be kept there, its journal mode stays memory");
     EXPECT_EQ(refusalOf(text + "/cluster.db"), "cluster store " + text + "/cluster.db: Not a directory");
 }
 
