@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <random>
 
 namespace host {
@@ -50,6 +51,18 @@ std::shared_ptr<NameService> ownService()
 {
     const std::scoped_lock lock(nodeService().mutex);
     return nodeService().service;
+}
+
+// What the node's service says to a call of the contract, which no exception leaves.
+template <typename Call>
+int32_t askService(const Call &call)
+{
+    try {
+        const auto service = ownService();
+        return service ? call(*service) : -ENOTCONN;
+    } catch (const std::bad_alloc &) {
+        return -ENOMEM;
+    }
 }
 
 bool isName(const char *name)
@@ -267,8 +280,9 @@ int32_t ns_create(uint32_t handle, const char *name, uint32_t /*zero*/, const vo
     if (!host::isName(name) || !host::isValue(value, length)) {
         return -EINVAL;
     }
-    const auto service = host::ownService();
-    return service ? service->create(host::keyOfName(handle, name), host::viewOf(value, length)) : -ENOTCONN;
+    return host::askService([&](host::NameService &service) {
+        return service.create(host::keyOfName(handle, name), host::viewOf(value, length));
+    });
 }
 
 int32_t ns_getAsyn(uint32_t handle, const char *name, ns_get_cb callback, void *context)
@@ -276,8 +290,9 @@ int32_t ns_getAsyn(uint32_t handle, const char *name, ns_get_cb callback, void *
     if (!host::isName(name) || callback == nullptr) {
         return -EINVAL;
     }
-    const auto service = host::ownService();
-    return service ? service->read(host::keyOfName(handle, name), callback, context) : -ENOTCONN;
+    return host::askService([&](host::NameService &service) {
+        return service.read(host::keyOfName(handle, name), callback, context);
+    });
 }
 
 int32_t ns_set(uint32_t handle, const char *name, const void *value, uint32_t length, uint64_t expected_version,
@@ -286,8 +301,7 @@ int32_t ns_set(uint32_t handle, const char *name, const void *value, uint32_t le
     if (!host::isName(name) || !host::isValue(value, length) || out_state == nullptr) {
         return -EINVAL;
     }
-    const auto service = host::ownService();
-    return service
-               ? service->set(host::keyOfName(handle, name), host::viewOf(value, length), expected_version, *out_state)
-               : -ENOTCONN;
+    return host::askService([&](host::NameService &service) {
+        return service.set(host::keyOfName(handle, name), host::viewOf(value, length), expected_version, *out_state);
+    });
 }
