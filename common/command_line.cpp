@@ -6,11 +6,18 @@
 
 namespace common {
 
-static void rejectExtra(const CLI::App &app, const std::string &extra)
+namespace {
+
+std::string helpHint(const CLI::App &app)
+{
+    return "; " + app.get_name() + " --help tells the form";
+}
+
+void rejectExtra(const CLI::App &app, const std::string &extra)
 {
     const std::string word = extra.substr(0, extra.find('='));
     if (!word.starts_with("-")) {
-        throw UsageError(extra + " is not an option");
+        throw UsageError((extra.empty() ? "\"\"" : extra) + ": one argument too many" + helpHint(app));
     }
     std::vector<std::string> known;
     for (const CLI::Option *option : app.get_options()) {
@@ -18,7 +25,37 @@ static void rejectExtra(const CLI::App &app, const std::string &extra)
             known.push_back("--" + name);
         }
     }
-    throw UsageError(word + ": no such option" + suggestion(word, known));
+    const std::string meant = suggestion(word, known);
+    throw UsageError(word + ": no such option" + (meant.empty() ? helpHint(app) : meant));
+}
+
+void rejectExtras(const CLI::App &app)
+{
+    for (const std::string &extra : app.remaining()) {
+        rejectExtra(app, extra);
+    }
+}
+
+} // namespace
+
+std::string misuse(const std::string &text)
+{
+    const struct {
+        const char *parsers;
+        const char *prefix;
+        const char *ours;
+    } kRows[] = {
+        {": 1 required ", "", " needs a value"},
+        {": At Most 1 required but received ", "", " is given more than once"},
+        {" was given a disallowed flag override", "--", " takes no value"},
+    };
+    for (const auto &row : kRows) {
+        const size_t at = text.find(row.parsers);
+        if (at != std::string::npos) {
+            return row.prefix + text.substr(0, at) + row.ours;
+        }
+    }
+    return text;
 }
 
 bool cutCommandLine(CLI::App &app, std::vector<std::string> arguments, std::ostream &out)
@@ -29,12 +66,13 @@ bool cutCommandLine(CLI::App &app, std::vector<std::string> arguments, std::ostr
     } catch (const CLI::Success &asked) {
         app.exit(asked, out, out);
         return false;
+    } catch (const CLI::RequiredError &error) {
+        rejectExtras(app); // a misspelt option explains better why an argument is not there
+        throw UsageError(error.what() + helpHint(app));
     } catch (const CLI::ParseError &error) {
-        throw UsageError(error.what());
+        throw UsageError(misuse(error.what()));
     }
-    for (const std::string &extra : app.remaining()) {
-        rejectExtra(app, extra);
-    }
+    rejectExtras(app);
     return true;
 }
 

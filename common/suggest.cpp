@@ -4,6 +4,7 @@
 namespace common {
 
 constexpr size_t kMaxSlips = 2;
+constexpr size_t kLettersPerSlip = 3;
 
 static size_t slips(const std::string &a, const std::string &b)
 {
@@ -26,7 +27,7 @@ static size_t slips(const std::string &a, const std::string &b)
 
 std::string nearest(const std::string &word, const std::vector<std::string> &candidates)
 {
-    size_t best = std::min(kMaxSlips + 1, word.size());
+    size_t best = std::min(kMaxSlips, word.size() / kLettersPerSlip) + 1;
     std::string found;
     for (const std::string &candidate : candidates) {
         // No need to compare what differs too much in length already; this also bounds the work for long words.

@@ -9,7 +9,7 @@
 namespace common {
 
 // The candidate with the fewest slips (a letter more, less, other, or two swapped) from the word; at most two, and
-// fewer than the word has letters. Empty when there is none.
+// one for every three letters of the word. Empty when there is none.
 std::string nearest(const std::string &word, const std::vector<std::string> &candidates);
 
 // "; did you mean CANDIDATE?", or nothing.

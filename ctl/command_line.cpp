@@ -7,6 +7,7 @@
 #include "failure.h"
 #include "parse.h"
 #include <CLI/CLI.hpp>
+#include <common/command_line.h>
 #include <common/suggest.h>
 #include <memory>
 #include <optional>
@@ -510,18 +511,6 @@ std::string joined(const Words &words)
     return text;
 }
 
-// The parser's words for an option without its value ("--root: 1 required DIR missing") and for a flag with one ("json
-// was given a disallowed flag override") in ours.
-std::string misuse(const std::string &text)
-{
-    const size_t colon = text.find(": 1 required ");
-    if (colon != std::string::npos) {
-        return text.substr(0, colon) + " needs a value";
-    }
-    const size_t flag = text.find(" was given a disallowed flag override");
-    return flag != std::string::npos ? "--" + text.substr(0, flag) + " takes no value" : text;
-}
-
 std::string Grammar::helpHint() const
 {
     const std::string name = commandName();
@@ -588,7 +577,7 @@ void Grammar::parse(int argc, char **argv, Invocation &invocation)
         throw UsageFailure(std::string(error.what()) + "; " + helpHint());
     } catch (const CLI::ParseError &error) {
         invocation.session.command = commandName();
-        throw UsageFailure(misuse(error.what()));
+        throw UsageFailure(common::misuse(error.what()));
     }
     invocation.session.command = commandName();
     checkWords();

@@ -1,6 +1,7 @@
 #include "parse.h"
 #include "failure.h"
 #include <arpa/inet.h>
+#include <array>
 #include <cctype>
 #include <charconv>
 
@@ -26,6 +27,17 @@ void checkAddress(const std::string &text)
     if (inet_pton(AF_INET, text.c_str(), bytes) != 1 && inet_pton(AF_INET6, text.c_str(), bytes) != 1) {
         throw UsageFailure(nameable(text) + " is not an IPv4 or IPv6 address");
     }
+}
+
+void refuseMappedAddress(const std::string &text)
+{
+    in6_addr address{};
+    if (inet_pton(AF_INET6, text.c_str(), &address) != 1 || !IN6_IS_ADDR_V4MAPPED(&address)) {
+        return;
+    }
+    std::array<char, INET_ADDRSTRLEN> inner{};
+    inet_ntop(AF_INET, &address.s6_addr[12], inner.data(), inner.size());
+    throw UsageFailure(text + " is an IPv4-mapped address; give the IPv4 address, " + inner.data());
 }
 
 static bool isIpv4(const std::string &text)

@@ -14,7 +14,9 @@ uint64_t parseNumber(const std::string &what, const std::string &text, uint64_t 
 
 // Throws UsageFailure unless the text is an IPv4 or IPv6 address.
 void checkAddress(const std::string &text);
-// The same of an IPv4 address alone, and of one with a length from 0 to 32, ADDRESS/LENGTH.
+// Throws UsageFailure for an IPv4 address that is spelt as an IPv6 one, ::ffff:1.2.3.4, on which nobody can listen.
+void refuseMappedAddress(const std::string &text);
+// The same as checkAddress of an IPv4 address alone, and of one with a length from 0 to 32, ADDRESS/LENGTH.
 void checkIpv4(const std::string &text);
 void checkNetwork(const std::string &text);
 

@@ -11,6 +11,7 @@
 #include <common/suggest.h>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <set>
 #include <span>
@@ -215,19 +216,40 @@ std::string suggestion(const std::string &name)
     return common::suggestion(name, known);
 }
 
-// The number of the line that gives the option, or this value of it, in the option file.
-std::string lineOf(const std::string &file, const std::string &name, const std::string &value)
+// "FILE line 3: " of the first line of the option file that gives the option in the way that fits; empty when none
+// does. fits is given what follows the name.
+std::string placeOf(const std::string &file, const std::string &name,
+                    const std::function<bool(const std::string &)> &fits)
 {
     std::ifstream input(file);
     std::string line;
     for (unsigned number = 1; std::getline(input, line); ++number) {
         const size_t begin = std::min(line.find_first_not_of(" \t"), line.size());
-        const bool names = line.compare(begin, name.size(), name) == 0;
-        if (names && line.find(value, begin + name.size()) != std::string::npos) {
+        if (line.compare(begin, name.size(), name) == 0 && fits(line.substr(begin + name.size()))) {
             return file + " line " + std::to_string(number) + ": ";
         }
     }
-    return file + ": ";
+    return "";
+}
+
+// Where the option file gives the option, or this value of it.
+std::string lineOf(const std::string &file, const std::string &name, const std::string &value)
+{
+    const std::string place =
+        placeOf(file, name, [&](const std::string &rest) { return rest.find(value) != std::string::npos; });
+    return place.empty() ? file + ": " : place;
+}
+
+// CLI11 takes a line that is a name alone for a flag that is set.
+void requireValue(const std::string &file, const OptionRow &row)
+{
+    const std::string place = placeOf(file, row.name, [](const std::string &rest) {
+        const size_t next = rest.find_first_not_of(" \t\r");
+        return next == std::string::npos || rest[next] == '#';
+    });
+    if (!place.empty()) {
+        throw UsageError(place + row.name + ": needs a value, write " + row.name + " = " + row.value);
+    }
 }
 
 void applyAll(NodeOptions &options, const OptionRow &row, const std::vector<std::string> &texts,
@@ -267,6 +289,7 @@ void applyItem(NodeOptions &options, const CLI::ConfigItem &item, const std::str
     if (row == nullptr || !item.parents.empty()) {
         throw UsageError(lineOf(file, item.name, "") + item.fullname() + ": no such option" + suggestion(item.name));
     }
+    requireValue(file, *row);
     // CLI11 cuts a text at blanks and commas of an array; an option that is not repeatable takes it as one text again.
     applyAll(options, *row, row->repeatable ? item.inputs : std::vector<std::string>{joined(item.inputs)}, file);
 }
@@ -294,6 +317,17 @@ void applyFile(NodeOptions &options, const std::string &file, const std::set<std
     }
 }
 
+void setDefaultLsIds(NodeOptions &options)
+{
+    std::vector<uint32_t> &ids = options.adapters.lsIds;
+    if (ids.empty()) {
+        ids = {options.nodeId};
+    } else if (std::ranges::find(ids, options.nodeId) == ids.end()) {
+        throw UsageError("--ls-ids: the node's own id " + std::to_string(options.nodeId) +
+                         " is not among them; add it, or name the node by another --node-id");
+    }
+}
+
 void setDefaults(NodeOptions &options)
 {
     const std::string run = options.root.empty() ? kRunDirectory : options.root + "/run";
@@ -308,9 +342,7 @@ void setDefaults(NodeOptions &options)
         options.store.file =
             (options.root.empty() ? std::string(kStateDirectory) : options.root + "/var") + "/cluster.db";
     }
-    if (options.adapters.lsIds.empty()) {
-        options.adapters.lsIds = {options.nodeId};
-    }
+    setDefaultLsIds(options);
     options.embedsStorage = options.messages.storageSocketPath.empty();
     if (options.embedsStorage) {
         options.messages.storageSocketPath = run + "/storage.sock";
@@ -335,10 +367,10 @@ void describe(CLI::App &app, Given &given, const std::string &version)
     app.add_option("--config", given.file, "Read options from this file, as NAME = VALUE lines")->type_name("FILE");
     for (const OptionRow &row : kRows) {
         CLI::Option *option = app.add_option(std::string("--") + row.name, given.texts[row.name], row.help);
-        option->type_name(row.value)->type_size(1)->expected(1);
+        option->type_name(row.value)->type_size(1)->expected(1)->allow_extra_args(false);
         option->multi_option_policy(row.repeatable ? CLI::MultiOptionPolicy::TakeAll : CLI::MultiOptionPolicy::Throw);
     }
-    app.add_flag("--no-console", given.noConsole, "Do not write the log to standard error");
+    app.add_flag("--no-console", given.noConsole, "Do not write the log to standard error")->disable_flag_override();
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include "config/ini_file.h"
 #include "fmm/policy_runner.h"
 #include "node.h"
+#include "platform/log.h"
 #include "power.h"
 #include "storage/embedded.h"
 
@@ -193,14 +194,22 @@ constexpr Step kSteps[] = {
      stopAdminServer},
 };
 
+// A step runs on this thread, so that the last line it wrote says best what stopped it.
+std::string reasonOf(const Step &step, int32_t result, const std::string &lastLine)
+{
+    const std::string failed = step.name + std::string(" failed with ") + std::to_string(result);
+    return failed + (lastLine.empty() ? ", the log tells why" : ": " + lastLine + "; the log tells more");
+}
+
 void runStep(const Step &step, const NodeOptions &options)
 {
     HOST_LOG(NASCTRL_LOG_PROGRESS, "start: %s", step.name);
     int32_t result = -1;
     std::string why;
     try {
+        const OwnLogLines lines;
         result = step.run(options);
-        why = step.name + std::string(" failed with ") + std::to_string(result) + ", the log tells why";
+        why = reasonOf(step, result, lines.last());
     } catch (const std::exception &error) {
         why = error.what();
     }

@@ -3,6 +3,7 @@
  * into it. Nothing of the host is run.
  */
 #include "common/command_line.h"
+#include "common/counted.h"
 #include "elf_object.h"
 #include "loader.h"
 
@@ -60,7 +61,7 @@ Names commonNames(const Names &left, const Names &right)
 
 std::string functions(size_t count)
 {
-    return std::to_string(count) + (count == 1 ? " function" : " functions");
+    return common::counted(count, "function");
 }
 
 void tellLacking(const ElfObject &host, const Names &lacking, size_t contract)
@@ -114,9 +115,18 @@ Loading judge(const Options &options, const ElfObject &host, const ElfObject &li
     return loading;
 }
 
+ElfObject readLibrary(const std::string &path)
+{
+    try {
+        return hostcheck::readElfObject(path);
+    } catch (const hostcheck::UnreadableFile &failure) {
+        throw hostcheck::UnreadableFile(std::string(failure.what()) + "; name the library with --library");
+    }
+}
+
 int check(const Options &options)
 {
-    const ElfObject library = hostcheck::readElfObject(options.library);
+    const ElfObject library = readLibrary(options.library);
     const ElfObject host = hostcheck::readElfObject(options.host);
     // What the library cannot find among the libraries that it brings along is what a host has to supply.
     const Names contract = hostcheck::tryLoading("", options.library).undefined;

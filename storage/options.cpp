@@ -64,10 +64,10 @@ void describe(CLI::App &app, Given &given, const std::string &version)
     app.set_version_flag("--version", "nasstored " + version, "Print the version and leave");
     for (size_t i = 0; i < kRowCount; ++i) {
         CLI::Option *option = app.add_option(kRows[i].name, given.texts[i], kRows[i].help);
-        option->type_name(kRows[i].value)->type_size(1)->expected(1);
+        option->type_name(kRows[i].value)->type_size(1)->expected(1)->allow_extra_args(false);
         option->multi_option_policy(CLI::MultiOptionPolicy::Throw);
     }
-    app.add_flag("--no-console", given.noConsole, "Do not write the log to standard error");
+    app.add_flag("--no-console", given.noConsole, "Do not write the log to standard error")->disable_flag_override();
 }
 
 } // namespace

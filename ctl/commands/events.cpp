@@ -9,6 +9,7 @@
 #include "view.h"
 #include <algorithm>
 #include <array>
+#include <common/counted.h>
 #include <csignal>
 #include <cstdio>
 #include <ctime>
@@ -19,6 +20,8 @@
 namespace ctl {
 
 using nlohmann::json;
+// For what is printed: members in the node's order.
+using OrderedJson = nlohmann::ordered_json;
 
 namespace {
 
@@ -96,11 +99,11 @@ public:
         if (signals) {
             signals->block();
         }
-        return show(json::parse(answer));
+        return show(OrderedJson::parse(answer));
     }
 
 private:
-    bool show(const json &page)
+    bool show(const OrderedJson &page)
     {
         const auto newest = page.at("newest").get<uint64_t>();
         if (newest < next_) {
@@ -111,13 +114,13 @@ private:
         // Who asks for all that is kept misses nothing.
         const auto missed = page.at("missed").get<uint64_t>();
         if (missed > 0 && counts_) {
-            reportError(session_.command, std::to_string(missed) + " events were missed, the node does not keep them "
-                                                                   "any more");
+            reportError(session_.command, common::counted(missed, "event was", "events were") +
+                                              " missed, the node does not keep them any more");
         }
         counts_ = true;
         std::string lines;
-        for (const json &event : page.at("events")) {
-            lines += session_.json ? event.dump() + "\n" : lineOf(event);
+        for (const OrderedJson &event : page.at("events")) {
+            lines += session_.json ? event.dump() + "\n" : lineOf(json(event));
             next_ = event.at("number").get<uint64_t>();
         }
         print(lines);

@@ -7,6 +7,7 @@
 #include "failure.h"
 #include "parse.h"
 #include "view.h"
+#include <common/counted.h>
 #include <nlohmann/json.hpp>
 
 namespace ctl {
@@ -17,8 +18,9 @@ static std::string stateText(const json &answer, bool colour)
 {
     const json &changes = answer.at("shard_changes");
     const std::string subscribed = changes.at("subscribed") == true ? "" : ", to which the library has not subscribed";
-    std::string text = shown(changes.at("announced")).text + " shard changes announced" + subscribed + "\n" +
-                       shown(answer.at("recoveries")).text + " recoveries\n";
+    std::string text = common::counted(changes.at("announced").get<uint64_t>(), "shard change") + " announced" +
+                       subscribed + "\n" +
+                       common::counted(answer.at("recoveries").get<uint64_t>(), "recovery", "recoveries") + "\n";
     const json &faulty = answer.at("faulty_processes");
     if (faulty.empty()) {
         return text + "no process is faulty\n";

@@ -68,7 +68,6 @@ static std::string resultsText(const Session &session, const OrderedJson &result
 
 static int announce(const Session &session, const char *key, const Words &addresses, const std::string &done)
 {
-    checkAddresses(addresses);
     MessageClient client(session);
     OrderedJson results = OrderedJson::array();
     int code = kDone;
@@ -97,11 +96,16 @@ static int announce(const Session &session, const char *key, const Words &addres
 
 int addAddresses(const Session &session, const Words &addresses)
 {
+    checkAddresses(addresses);
+    for (const std::string &address : addresses) {
+        refuseMappedAddress(address);
+    }
     return announce(session, "ip_add_event", addresses, "addition queued");
 }
 
 int deleteAddresses(const Session &session, const Words &addresses)
 {
+    checkAddresses(addresses);
     return announce(session, "ip_del_event", addresses, "deletion queued");
 }
 

@@ -45,10 +45,10 @@ static json requestFor(const std::string &lsId)
     return {{"ls_id", parseNumber("--ls", lsId, 1, UINT32_MAX)}};
 }
 
-static void addRange(json &request, const Words &range)
+static void addRange(const Session &session, json &request, const Words &range)
 {
     if (range.size() != 3) {
-        throw UsageFailure("FILE, START and LEN are needed");
+        throw UsageFailure("FILE, START and LEN are needed; nasctl " + session.command + " --help tells the form");
     }
     if (range[0].empty()) {
         throw UsageFailure("FILE: an empty text is no file");
@@ -61,7 +61,7 @@ static void addRange(json &request, const Words &range)
 int takeLock(const Session &session, const std::string &lsId, const Words &range, bool shared)
 {
     json request = requestFor(lsId);
-    addRange(request, range);
+    addRange(session, request, range);
     request["shared"] = shared;
     present(session, AdminClient(session).post("/v1/locks", request), lockTable);
     return kDone;
@@ -71,7 +71,7 @@ int releaseLocks(const Session &session, const std::string &lsId, const Words &r
 {
     json request = requestFor(lsId);
     if (!range.empty()) {
-        addRange(request, range);
+        addRange(session, request, range);
     }
     present(session, AdminClient(session).remove("/v1/locks", request), lockTable);
     return kDone;

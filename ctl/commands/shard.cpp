@@ -7,6 +7,7 @@
 #include "failure.h"
 #include "parse.h"
 #include "view.h"
+#include <common/counted.h>
 #include <nlohmann/json.hpp>
 
 namespace ctl {
@@ -135,10 +136,9 @@ static std::string movedTable(const json &answer, bool colour)
 static std::string summary(const json &answer)
 {
     const json &moved = answer.at("moved");
-    const std::string count = moved.is_null() ? "FSPs" : std::to_string(moved.size()) + " FSPs";
-    return "LS " + shown(answer.at("from")).text + " to LS " + shown(answer.at("to")).text + ": " +
-           (moved.size() == 1 && !moved.is_null() ? "1 FSP" : count) + " moved in " +
-           durationText(answer.at("took_us")) + "\n";
+    const std::string what = moved.is_null() ? "FSPs" : common::counted(moved.size(), "FSP");
+    return "LS " + shown(answer.at("from")).text + " to LS " + shown(answer.at("to")).text + ": " + what +
+           " moved in " + durationText(answer.at("took_us")) + "\n";
 }
 
 static std::string shortenedText(const json &answer)

@@ -5,6 +5,7 @@
 #include "commands/cluster_cells.h"
 #include "commands/commands.h"
 #include "view.h"
+#include <common/counted.h>
 #include <nlohmann/json.hpp>
 
 namespace ctl {
@@ -53,9 +54,9 @@ static Cell powerCell(const json &power)
 static Cell viewCell(const json &cluster)
 {
     const json &version = cluster.at("view_version");
-    const std::string text =
-        version.is_null() ? "none read yet"
-                          : "version " + shown(version).text + ", " + shown(cluster.at("clients")).text + " clients";
+    const std::string text = version.is_null() ? "none read yet"
+                                               : "version " + shown(version).text + ", " +
+                                                     common::counted(cluster.at("clients").get<uint64_t>(), "client");
     const bool connected = cluster.at("connected").get<bool>();
     return {text + (connected ? "" : ", not connected"), connected ? Tone::plain : Tone::bad};
 }

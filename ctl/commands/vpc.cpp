@@ -7,6 +7,7 @@
 #include "parse.h"
 #include "view.h"
 #include <algorithm>
+#include <common/counted.h>
 #include <nlohmann/json.hpp>
 
 namespace ctl {
@@ -44,7 +45,7 @@ static std::string recordTable(const json &records, bool colour)
 
 static std::string counted(const json &count)
 {
-    return count.dump() + (count == 1 ? " record" : " records");
+    return common::counted(count.get<uint64_t>(), "record");
 }
 
 static std::string listText(const json &answer, bool colour)

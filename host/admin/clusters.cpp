@@ -27,7 +27,8 @@ Json postCluster(const CallInput &input)
 {
     const uint64_t id = parseId(textField(parseFields(input.body, {"id"}), "id"));
     if (nas_ctrl_add_to_cluster_list(id) != 0) {
-        throw CallError(kBadRequest, "id: the list is full with " + std::to_string(NAS_CLUSTER_LIST_MAX) + " clusters");
+        throw CallError(kBadRequest, "id: the list is full with " + std::to_string(NAS_CLUSTER_LIST_MAX) +
+                                         " clusters; nasctl cluster rm makes room");
     }
     return getClusters(input);
 }

@@ -53,7 +53,7 @@ Json postCommand(const CallInput &input)
     requireIndex(module, command);
     const auto answer = runCommand(module, command, value);
     if (!answer) {
-        throw CallError(kNotFound, "there is no such command of that module");
+        throw CallError(kNotFound, "module " + module + " has no command " + command + "; nasctl cmd lists them");
     }
     return {{"result", answer->result}, {"text", answer->text}};
 }

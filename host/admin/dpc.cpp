@@ -118,7 +118,8 @@ Json getClient(const CallInput &input)
     const auto view = knownView();
     const DpcClient *client = view != nullptr ? view->find(lsId) : nullptr;
     if (client == nullptr) {
-        throw CallError(kNotFound, "LS " + std::to_string(lsId) + " is not in the view");
+        throw CallError(kNotFound,
+                        "LS " + std::to_string(lsId) + " is not in the view; nasctl dpc ls lists its clients");
     }
     return rowOf(*client);
 }

@@ -142,7 +142,7 @@ Json deleteLifPort(const CallInput &input)
     requireFree(canWriteAll(), "a port");
     std::vector<uint64_t> removed = idsWith(input.argument);
     if (removed.empty()) {
-        throw CallError(kNotFound, "no LIF port has that address");
+        throw CallError(kNotFound, "no LIF port has the address " + input.argument + "; nasctl lif ls lists them");
     }
     nas_lifportid_del_update(input.argument.c_str(), time);
     const std::vector<uint64_t> left = idsWith(input.argument);

@@ -155,7 +155,8 @@ void addMonitor(Sheet &sheet)
 {
     sheet.gauge("monitor_period_seconds", "Time between two passes of the address monitor.",
                 std::atomic_ref(g_periodLength).load());
-    sheet.gauge("monitor_retry", "1 when something failed and the monitor hurries.",
+    sheet.gauge("monitor_retry",
+                "1 when the monitor hurries: something failed, or a pass found an address that it knew.",
                 std::atomic_ref(g_needRetry).load());
     if (const auto view = readMonitor()) {
         sheet.gauge("monitor_last_pass_age_seconds", "Time since the last pass began.",

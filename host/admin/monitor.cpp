@@ -7,6 +7,7 @@
 #include "admin/calls.h"
 #include "admin/fields.h"
 #include "modules/modules.h"
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <nasctrl/host/platform.h>
@@ -49,6 +50,14 @@ Json failuresOf(const std::vector<ModuleState> &modules)
     return rows;
 }
 
+// Whether a pass may have met an address that it knew: the library hurries after each of them. The first pass knew
+// none.
+bool mayHaveKnown(const MonitorPass &pass)
+{
+    const auto addresses = nodeAddresses();
+    return !pass.first && std::ranges::any_of(addresses, &NodeAddress::working);
+}
+
 // One line, or null when nothing makes the monitor hurry.
 Json whyEarly(const std::optional<MonitorView> &view, bool retry, size_t failures)
 {
@@ -68,7 +77,10 @@ Json whyEarly(const std::optional<MonitorView> &view, bool retry, size_t failure
     if (view->pass.first && !retry) {
         return "the node has just started";
     }
-    return retry ? "something failed since the last pass began" : "something had failed before the last pass";
+    if (!retry) {
+        return "it was due before the last pass began";
+    }
+    return mayHaveKnown(view->pass) ? "the pass found addresses that it knew already" : "an addition failed";
 }
 
 Json lastPass(const std::optional<MonitorView> &view)

@@ -52,7 +52,7 @@ Shard requireLs(const std::vector<Shard> &shards, uint32_t lsId)
 {
     const Shard *shard = shardOf(shards, lsId);
     if (shard == nullptr) {
-        throw CallError(kNotFound, "no shard belongs to " + lsText(lsId));
+        throw CallError(kNotFound, "no shard belongs to " + lsText(lsId) + "; nasctl shard ls lists them");
     }
     return *shard;
 }

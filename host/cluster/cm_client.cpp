@@ -17,6 +17,7 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
+#include <common/counted.h>
 #include <nasctrl/config.h>
 #include <nasctrl/control.h>
 #include <nasctrl/host/adapters.h>
@@ -106,7 +107,7 @@ void reportStates(const DpcView &was, const DpcView &now)
 // The version first, then what it brought.
 void recordView(const DpcView &was, const DpcView &now)
 {
-    recordEvent({kModule, "VIEW", now.version, std::to_string(now.clients.size()) + " clients"});
+    recordEvent({kModule, "VIEW", now.version, common::counted(now.clients.size(), "client")});
     recordChanges(was, now);
 }
 

@@ -83,7 +83,7 @@ DpcClient &require(DpcView &view, uint32_t lsId)
 {
     DpcClient *client = view.find(lsId);
     if (client == nullptr) {
-        throw CmRefused(nameOfClient(lsId) + " is not in the view");
+        throw CmRefused(nameOfClient(lsId) + " is not in the view; nasctl dpc ls lists its clients");
     }
     return *client;
 }
@@ -103,13 +103,15 @@ uint64_t newSession(const DpcClient *before)
     return before == nullptr ? milliseconds : std::max(milliseconds, before->session + 1);
 }
 
-// Ends the lease that keeps the client's key, if there is one.
-void endLease(Store &store, uint32_t lsId)
+// Ends the lease that keeps the client's key; false when there is none.
+bool endLease(Store &store, uint32_t lsId)
 {
     const StoreRead key = store.read(clientKey(lsId));
-    if (key.result == StoreResult::done && key.item.lease != 0) {
+    const bool lives = key.result == StoreResult::done && key.item.lease != 0;
+    if (lives) {
         store.revoke(key.item.lease);
     }
+    return lives;
 }
 
 StoreLease grantLease(Store &store, Membership &membership, std::chrono::seconds ttl)
@@ -233,16 +235,18 @@ void removeClient(Store &store, uint32_t lsId)
 
 void failClient(Store &store, uint32_t lsId, int32_t reason, bool endsProcess)
 {
-    changeView(store, [lsId, reason](DpcView &view) {
+    bool marked = false;
+    changeView(store, [&](DpcView &view) {
         DpcClient &client = require(view, lsId);
-        if (client.runState == kFaulty) {
-            throw CmRefused(nameOfClient(lsId) + " is faulty already");
+        marked = client.runState != kFaulty;
+        if (marked) {
+            markFaulty(client, reason);
         }
-        markFaulty(client, reason);
-        return true;
+        return marked;
     });
-    if (endsProcess) {
-        endLease(store, lsId);
+    const bool ended = endsProcess && endLease(store, lsId);
+    if (!marked && !ended) {
+        throw CmRefused(nameOfClient(lsId) + " is faulty already");
     }
 }
 

@@ -54,7 +54,8 @@ Membership joinClient(Store &store, const JoinRequest &request);
 void keepClientAlive(Store &store, StoreLease lease);
 // Takes a client out of the view, and ends its lease.
 void removeClient(Store &store, uint32_t lsId);
-// Reports a fault; endsProcess ends the lease too.
+// Reports a fault; endsProcess ends the lease too. Refused when that leaves a client as it was: faulty, without a lease
+// to end.
 void failClient(Store &store, uint32_t lsId, int32_t reason, bool endsProcess);
 // The running clients whose lease is gone become faulty by heart break; how many. For the master.
 size_t breakHearts(Store &store);

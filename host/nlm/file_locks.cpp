@@ -6,6 +6,7 @@
 #include "notify/events.h"
 #include "platform/log.h"
 #include <atomic>
+#include <common/counted.h>
 #include <mutex>
 #include <nasctrl/host/adapters.h>
 #include <new>
@@ -25,7 +26,7 @@ void tellOfRelease(uint32_t lsId, size_t released)
         recordEvent({.module = "NLM",
                      .name = "LOCKS_RELEASED",
                      .data = lsId,
-                     .text = std::to_string(released) + " file locks released"});
+                     .text = common::counted(released, "file lock") + " released"});
     } catch (const std::bad_alloc &) {
         HOST_LOG(NASCTRL_LOG_ERROR, "locks: no memory for the event of LS %u", lsId);
     }
@@ -80,7 +81,8 @@ uint32_t NlmE_NodeFaultEvent(uint32_t ls_id)
     const size_t released = host::releaseFileLocks(ls_id);
     host::s_lostClients.fetch_add(1);
     host::s_released.fetch_add(released);
-    HOST_LOG(NASCTRL_LOG_PROGRESS, "locks: client of LS %u lost, %zu file locks released", ls_id, released);
+    HOST_LOG(NASCTRL_LOG_PROGRESS, "locks: client of LS %u lost, %zu file lock%s released", ls_id, released,
+             released == 1 ? "" : "s");
     host::tellOfRelease(ls_id, released);
     return NAS_OK;
 }

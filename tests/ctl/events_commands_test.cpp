@@ -9,18 +9,18 @@
 namespace {
 
 constexpr char kFault[] =
-    R"({"data":"12","event":"NODE_FAULT","module":"DLG","move_count":0,"moves":[],"number":41,"text":"",)"
-    R"("time_ms":1700000000007})";
+    R"({"number":41,"time_ms":1700000000007,"module":"DLG","event":"NODE_FAULT","data":"12","text":"","move_count":0,)"
+    R"("moves":[]})";
 constexpr char kFaultLine[] = "41  2023-11-14 22:13:20.007Z  DLG NODE_FAULT 12\n";
 
 constexpr char kReleased[] =
-    R"({"data":"12","event":"LOCKS_RELEASED","module":"NLM","move_count":0,"moves":[],"number":42,)"
-    R"("text":"3 file\n locks released","time_ms":1700000000999})";
+    R"({"number":42,"time_ms":1700000000999,"module":"NLM","event":"LOCKS_RELEASED","data":"12",)"
+    R"("text":"3 file\n locks released","move_count":0,"moves":[]})";
 constexpr char kReleasedLine[] = "42  2023-11-14 22:13:20.999Z  NLM LOCKS_RELEASED 12  3 file\\n locks released\n";
 
 constexpr char kMoved[] =
-    R"({"data":"0","event":"VNODE_MOVEIN","module":"FMM","move_count":3,"moves":[{"from":1,"fsp":5,"shard":7,"to":2},)"
-    R"({"from":1,"fsp":6,"shard":8,"to":2}],"number":43,"text":"","time_ms":1700000001000})";
+    R"({"number":43,"time_ms":1700000001000,"module":"FMM","event":"VNODE_MOVEIN","data":"0","text":"","move_count":3,)"
+    R"("moves":[{"fsp":5,"shard":7,"from":1,"to":2},{"fsp":6,"shard":8,"from":1,"to":2}]})";
 constexpr char kMovedLine[] = "43  2023-11-14 22:13:21.000Z  FMM VNODE_MOVEIN 0  3 moved; FSP 5 to shard 7, LS 1 to 2; "
                               "FSP 6 to shard 8, LS 1 to 2; ...\n";
 
@@ -49,10 +49,11 @@ TEST_F(Events, AreALineEach)
     EXPECT_EQ(asked(), std::vector<std::string>{"GET /v1/events?after=0 HTTP/1.1"});
 }
 
-TEST_F(Events, AreAnObjectOnALineEachWithJson)
+TEST_F(Events, AreAnObjectOnALineEachWithJsonWithTheMembersInTheNodesOrder)
 {
-    node_.answer(page(std::string(kFault) + "," + kReleased, 0, 42));
-    EXPECT_EQ(run({"events", "--json"}), (Outcome{std::string(kFault) + "\n" + kReleased + "\n", "", 0}));
+    node_.answer(page(std::string(kFault) + "," + kReleased + "," + kMoved, 0, 43));
+    EXPECT_EQ(run({"events", "--json"}),
+              (Outcome{std::string(kFault) + "\n" + kReleased + "\n" + kMoved + "\n", "", 0}));
 }
 
 TEST_F(Events, AreReadPageByPageUpToTheNewest)
@@ -92,7 +93,7 @@ TEST_F(Events, MissedBetweenTwoPagesAreToldOf)
     node_.answer(page(kMoved, 1, 43));
     EXPECT_EQ(run({"events"}),
               (Outcome{std::string(kFaultLine) + kMovedLine,
-                       "nasctl: events: 1 events were missed, the node does not keep them any more\n", 0}));
+                       "nasctl: events: 1 event was missed, the node does not keep them any more\n", 0}));
 }
 
 TEST_F(Events, OfANodeThatHasStartedAnewAreReadFromTheFirst)

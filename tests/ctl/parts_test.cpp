@@ -162,6 +162,8 @@ const NearestRow kNearestRows[] = {
     {"OtherLetter", "mes", "mem"},
     {"TwoSlips", "clsutr", "cluster"},
     {"ThreeSlips", "clstrs", ""},
+    {"OneSlipForThreeLetters", "mexx", ""},
+    {"TwoLetters", "ms", ""},
     {"SlipsEverywhere", "xy", ""},
     {"Empty", "", ""},
     {"MuchTooLong", "statusstatusstatus", ""},

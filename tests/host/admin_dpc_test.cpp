@@ -84,13 +84,13 @@ TEST_F(AdminDpc, ShowsTheViewAsTheNodeKnowsIt)
     EXPECT_EQ(call("GET", "/v1/dpc/8").body,
               R"({"ls":8,"state":"running","last_fault":null,"faults":0,"session":"18446744073709551615","node":2,)"
               R"("attributes":{}})");
-    expectRefusal(call("GET", "/v1/dpc/11"), 404, "LS 11 is not in the view");
+    expectRefusal(call("GET", "/v1/dpc/11"), 404, "LS 11 is not in the view; nasctl dpc ls lists its clients");
 }
 
 TEST_F(AdminDpc, ShowsThatNoViewWasReadYet)
 {
     EXPECT_EQ(call("GET", "/v1/view").body, R"({"version":null,"connected":false,"master":null,"clients":[]})");
-    expectRefusal(call("GET", "/v1/dpc/7"), 404, "LS 7 is not in the view");
+    expectRefusal(call("GET", "/v1/dpc/7"), 404, "LS 7 is not in the view; nasctl dpc ls lists its clients");
 }
 
 TEST_F(AdminDpc, ShowsTheMaster)
@@ -144,7 +144,7 @@ TEST_F(AdminDpc, LetsAClientJoinStayAndLeave)
     EXPECT_EQ(call("POST", "/v1/dpc/leave/7").body, R"({"ls":7})");
     EXPECT_TRUE(stored().clients.empty());
     expectRefusal(call("POST", "/v1/dpc/keep/7", lease), 400, "its lease has ended");
-    expectRefusal(call("POST", "/v1/dpc/leave/7"), 400, "LS 7 is not in the view");
+    expectRefusal(call("POST", "/v1/dpc/leave/7"), 400, "LS 7 is not in the view; nasctl dpc ls lists its clients");
 }
 
 TEST_F(AdminDpc, JoinsForThreeSecondsUnlessToldOtherwise)
@@ -168,7 +168,8 @@ TEST_F(AdminDpc, TakesReportsOfFaults)
     expectRefusal(call("POST", "/v1/dpc/keep/7", Json{{"lease", dead["lease"]}}.dump()), 400, "its lease has ended");
     EXPECT_EQ(call("POST", "/v1/dpc/keep/8", Json{{"lease", alive["lease"]}}.dump()).status, 200U);
     expectRefusal(call("POST", "/v1/dpc/fault/7", R"({"reason": 2})"), 400, "LS 7 is faulty already");
-    expectRefusal(call("POST", "/v1/dpc/fault/9", R"({"reason": 2})"), 400, "LS 9 is not in the view");
+    expectRefusal(call("POST", "/v1/dpc/fault/9", R"({"reason": 2})"), 400,
+                  "LS 9 is not in the view; nasctl dpc ls lists its clients");
 }
 
 struct WrongCall {

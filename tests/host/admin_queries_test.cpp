@@ -417,6 +417,7 @@ struct Hurry {
     bool retry;
     bool refused; // by a module
     std::string why;
+    std::vector<host::NodeAddress> told = {}; // the node's addresses
 };
 
 class MonitorHurry : public AdminQueries, public testing::WithParamInterface<Hurry> {};
@@ -425,6 +426,7 @@ TEST_P(MonitorHurry, IsExplained)
 {
     passed(7000, GetParam().pass);
     g_needRetry = GetParam().retry ? 1 : 0;
+    g_queries.nodeAddresses = GetParam().told;
     g_node.modules = {module(1, "hdfs", {3})};
     std::string failing;
     if (GetParam().refused) {
@@ -443,9 +445,17 @@ const Hurry kHurries[] = {
     {"Start", {true, true, 5, 0}, false, false, "the node has just started"},
     {"FailedQuery", {false, true, 5, -110}, true, false, "the node's addresses could not be read (-110)"},
     {"RefusedAddress", {false, true, 5, 0}, true, true, "modules refuse addresses (1)"},
-    {"QueryUnderWay", {false, true, 5, std::nullopt}, false, false, "something had failed before the last pass"},
-    {"Repaired", {false, true, 5, 0}, false, false, "something had failed before the last pass"},
-    {"FailedSince", {true, true, 5, 0}, true, false, "something failed since the last pass began"},
+    {"QueryUnderWay", {false, true, 5, std::nullopt}, false, false, "it was due before the last pass began"},
+    {"Repaired", {false, true, 5, 0}, false, false, "it was due before the last pass began"},
+    {"HealthyNode",
+     {false, true, 5, 0},
+     true,
+     false,
+     "the pass found addresses that it knew already",
+     {{"10.0.0.1", 3, false}, {"10.0.0.2", 3, true}}},
+    {"FailedAddition", {false, true, 5, 0}, true, false, "an addition failed"},
+    {"FailedFirstAddition", {true, true, 5, 0}, true, false, "an addition failed", {{"10.0.0.1", 3, true}}},
+    {"NoWorkingAddress", {false, true, 5, 0}, true, false, "an addition failed", {{"10.0.0.1", 3, false}}},
 };
 
 INSTANTIATE_TEST_SUITE_P(Reasons, MonitorHurry, testing::ValuesIn(kHurries),
@@ -659,7 +669,7 @@ TEST_F(AdminQueries, AnAddressWithoutAPortIsNotFound)
 {
     const Answer answer = call("DELETE", "/v1/lif/10.0.0.1");
     EXPECT_EQ(answer.status, 404U);
-    EXPECT_EQ(answer.body, R"({"error":"no LIF port has that address"})");
+    EXPECT_EQ(answer.body, R"({"error":"no LIF port has the address 10.0.0.1; nasctl lif ls lists them"})");
     EXPECT_THAT(g_queries.calledLif, IsEmpty());
 }
 
@@ -1061,14 +1071,15 @@ TEST_F(AdminQueries, MetricsShowTheMonitor)
 {
     g_needRetry = 1;
     passed(1500, {false, true, 5, 0});
-    EXPECT_THAT(metrics("nasctrl_monitor_"),
-                ElementsAre("# HELP nasctrl_monitor_period_seconds Time between two passes of the address monitor.",
-                            "# TYPE nasctrl_monitor_period_seconds gauge", "nasctrl_monitor_period_seconds 60",
-                            "# HELP nasctrl_monitor_retry 1 when something failed and the monitor hurries.",
-                            "# TYPE nasctrl_monitor_retry gauge", "nasctrl_monitor_retry 1",
-                            "# HELP nasctrl_monitor_last_pass_age_seconds Time since the last pass began.",
-                            "# TYPE nasctrl_monitor_last_pass_age_seconds gauge",
-                            "nasctrl_monitor_last_pass_age_seconds 1.5"));
+    EXPECT_THAT(
+        metrics("nasctrl_monitor_"),
+        ElementsAre("# HELP nasctrl_monitor_period_seconds Time between two passes of the address monitor.",
+                    "# TYPE nasctrl_monitor_period_seconds gauge", "nasctrl_monitor_period_seconds 60",
+                    "# HELP nasctrl_monitor_retry 1 when the monitor hurries: something failed, or a pass found "
+                    "an address that it knew.",
+                    "# TYPE nasctrl_monitor_retry gauge", "nasctrl_monitor_retry 1",
+                    "# HELP nasctrl_monitor_last_pass_age_seconds Time since the last pass began.",
+                    "# TYPE nasctrl_monitor_last_pass_age_seconds gauge", "nasctrl_monitor_last_pass_age_seconds 1.5"));
 }
 
 TEST_F(AdminQueries, MetricsCountStorageQueriesByTypeAndResult)

@@ -659,7 +659,7 @@ TEST_F(AdminDoor, AFullClusterListTakesNoMore)
     const Response response = call("POST", "/v1/clusters", R"({"id":"9"})");
 
     EXPECT_EQ(response.status, 400);
-    EXPECT_EQ(response.body, R"({"error":"id: the list is full with 8 clusters"})");
+    EXPECT_EQ(response.body, R"({"error":"id: the list is full with 8 clusters; nasctl cluster rm makes room"})");
 }
 
 TEST_F(AdminDoor, ACommandGetsItsValueAndAnswersResultAndText)
@@ -701,7 +701,7 @@ const std::vector<Refusal> kRefusals = {
     {"a cluster without id", "DELETE", "/v1/clusters/", "", 404, "there is no such call in this version"},
     {"a path below an id", "DELETE", "/v1/clusters/5/6", "", 404, "there is no such call in this version"},
     {"an unknown command", "POST", "/v1/commands", R"({"module":"m","command":"c"})", 404,
-     "there is no such command of that module"},
+     "module m has no command c; nasctl cmd lists them"},
     {"another method", "DELETE", "/v1/status", "", 405, "this path answers to GET only"},
     {"an invented method", "BREW", "/v1/power", "", 405, "this path answers to GET, POST only"},
     {"reading one cluster", "GET", "/v1/clusters/5", "", 405, "this path answers to DELETE only"},

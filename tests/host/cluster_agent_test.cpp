@@ -216,7 +216,8 @@ TEST_F(Cluster, ForgetsAClientThatLeaves)
 
     EXPECT_EQ(view(), "[]");
     EXPECT_EQ(refusal([&] { host::keepClientAlive(*store, member.lease); }), "its lease has ended");
-    EXPECT_EQ(refusal([this] { host::removeClient(*store, 7); }), "LS 7 is not in the view");
+    EXPECT_EQ(refusal([this] { host::removeClient(*store, 7); }),
+              "LS 7 is not in the view; nasctl dpc ls lists its clients");
 }
 
 TEST_F(Cluster, MarksAClientWhoseProcessDied)
@@ -228,7 +229,20 @@ TEST_F(Cluster, MarksAClientWhoseProcessDied)
     EXPECT_EQ(view(), "[7-2]");
     EXPECT_EQ(refusal([&] { host::keepClientAlive(*store, member.lease); }), "its lease has ended");
     EXPECT_EQ(refusal([this] { host::failClient(*store, 7, host::kProcessFault, true); }), "LS 7 is faulty already");
-    EXPECT_EQ(refusal([this] { host::failClient(*store, 8, host::kProcessFault, true); }), "LS 8 is not in the view");
+    EXPECT_EQ(refusal([this] { host::failClient(*store, 8, host::kProcessFault, true); }),
+              "LS 8 is not in the view; nasctl dpc ls lists its clients");
+}
+
+TEST_F(Cluster, EndsTheProcessOfAClientThatIsFaultyAlready)
+{
+    const host::Membership member = join(7);
+    host::failClient(*store, 7, 9, false);
+
+    host::failClient(*store, 7, host::kProcessFault, true);
+
+    EXPECT_EQ(view(), "[7-9]") << "it is one fault";
+    EXPECT_EQ(host::readView(*store)->clients[0].faults, 1U);
+    EXPECT_EQ(refusal([&] { host::keepClientAlive(*store, member.lease); }), "its lease has ended");
 }
 
 TEST_F(Cluster, GivesAClientThatReturnsANewerSession)

@@ -51,6 +51,15 @@ TEST_F(LostClient, GivesItsLocksUpAndTheNodeTellsHowMany)
     EXPECT_THAT(recorded::lines(), ElementsAre("4 locks: client of LS 12 lost, 2 file locks released"));
 }
 
+TEST_F(LostClient, WithOneLockIsToldOfInTheSingular)
+{
+    const uint64_t before = host::readEvents(UINT64_MAX, 0).newest;
+    host::takeFileLock({"/a", 12, {0, 9}, false}, nullptr);
+    EXPECT_EQ(NlmE_NodeFaultEvent(12), NAS_OK);
+    EXPECT_EQ(host::readEvents(before, 10).events.at(0)->details.text, "1 file lock released");
+    EXPECT_THAT(recorded::lines(), ElementsAre("4 locks: client of LS 12 lost, 1 file lock released"));
+}
+
 TEST_F(LostClient, WithoutLocksIsToldOfToo)
 {
     const uint64_t before = host::readEvents(UINT64_MAX, 0).newest;

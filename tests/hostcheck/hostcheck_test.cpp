@@ -165,7 +165,7 @@ TEST_F(Hostcheck, DoesNotJudgeWhatIsNoHost)
     EXPECT_EQ(check("/absent"), (Answer{2, "nasctrl-hostcheck: /absent: No such file or directory\n"}));
     EXPECT_EQ(check("/tmp"), (Answer{2, "nasctrl-hostcheck: /tmp: not a file\n"}));
     EXPECT_EQ(run({"--library", "/absent", MINIMAL_HOST}),
-              (Answer{2, "nasctrl-hostcheck: /absent: No such file or directory\n"}));
+              (Answer{2, "nasctrl-hostcheck: /absent: No such file or directory; name the library with --library\n"}));
 }
 
 // Wherever a host is cut, it gets an answer.
@@ -181,9 +181,14 @@ TEST_F(Hostcheck, SurvivesHostsThatAreCutOff)
 
 TEST_F(Hostcheck, TellsOfAWrongCommandLineInOneLine)
 {
-    EXPECT_EQ(run({}), (Answer{2, "nasctrl-hostcheck: HOST is required\n"}));
+    EXPECT_EQ(run({}), (Answer{2, "nasctrl-hostcheck: HOST is required; nasctrl-hostcheck --help tells the form\n"}));
     EXPECT_EQ(run({"--libary", "x", MINIMAL_HOST}),
               (Answer{2, "nasctrl-hostcheck: --libary: no such option; did you mean --library?\n"}));
+    EXPECT_EQ(run({"--libary=x"}),
+              (Answer{2, "nasctrl-hostcheck: --libary: no such option; did you mean --library?\n"}));
+    EXPECT_EQ(run({MINIMAL_HOST, "word"}),
+              (Answer{2, "nasctrl-hostcheck: word: one argument too many; nasctrl-hostcheck --help tells the form\n"}));
+    EXPECT_EQ(run({"--library"}), (Answer{2, "nasctrl-hostcheck: --library needs a value\n"}));
     EXPECT_EQ(run({"--version"}).code, 0);
     EXPECT_EQ(run({"--help"}).code, 0);
 }

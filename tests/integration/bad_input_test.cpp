@@ -132,6 +132,25 @@ TEST(BadConfiguration, AMissingFileIsNamed)
     }
 }
 
+void replaceValue(const std::string &file, const std::string &key, const std::string &line)
+{
+    std::ifstream in(file);
+    std::string text;
+    for (std::string row; std::getline(in, row);) {
+        text += (row.starts_with(key) ? line : row) + "\n";
+    }
+    in.close();
+    std::ofstream(file) << text;
+}
+
+TEST(BadConfiguration, AStepThatFailsIsNamedWithTheLastLineThatItLogged)
+{
+    Node node;
+    replaceValue(node.configFile("dpc.conf"), "cm_cluster_id", "");
+    EXPECT_EQ(failedStart(node), "nasctrld: NasCtrlClusterInit failed with 1: PROTOCOL: nas ctrl init app_data cluster "
+                                 "failed 1; the log tells more\n");
+}
+
 TEST(BadConfiguration, AMalformedLineIsNamedWithFileAndNumber)
 {
     Node node;
@@ -157,17 +176,6 @@ nlohmann::json getter(const Node &node, const std::string &name)
         }
     }
     return nullptr;
-}
-
-void replaceValue(const std::string &file, const std::string &key, const std::string &line)
-{
-    std::ifstream in(file);
-    std::string text;
-    for (std::string row; std::getline(in, row);) {
-        text += (row.starts_with(key) ? line : row) + "\n";
-    }
-    in.close();
-    std::ofstream(file) << text;
 }
 
 TEST(BadConfiguration, APairWithoutAColonAndAnEmptyValueFailTheirGetterAndNothingElse)
@@ -196,6 +204,7 @@ TEST(BadOptions, EndInOneLineThatNamesThem)
     const std::vector<std::vector<std::string>> rows = {
         {"--no-such-option"},    {"--module", "9:nfs:3:2049"}, {"--module", "0:nfs:3:0"}, {"--module", "0:nfs"},
         {"--log-level", "loud"}, {"--node-id", "-1"},          {"--lwt", "magic"},        {"--root"},
+        {"--ls-ids", "2,3"},
     };
     for (const auto &row : rows) {
         std::vector<std::string> command = {NASCTRLD};

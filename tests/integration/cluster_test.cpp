@@ -182,6 +182,19 @@ TEST_F(OneNode, TakesAReportedDeathForAProcessFault)
     EXPECT_EQ(client.end(0), 1) << "its lease has ended";
 }
 
+TEST_F(OneNode, EndsTheProcessOfAClientThatIsFaultyAlready)
+{
+    Client client(node_, "12");
+    ASSERT_TRUE(becomes(node_, 12, "running"));
+    EXPECT_EQ(node_.ctl({"dpc", "fault", "12", "--reason", "9"}).out, "LS 12: reported faulty, reason 9\n");
+
+    EXPECT_EQ(node_.ctl({"dpc", "kill", "12"}).out, "LS 12: its process is reported dead\n");
+
+    EXPECT_EQ(client.end(0), 1) << "its lease has ended";
+    EXPECT_EQ(node_.json({"dpc", "show", "12"})["faults"], 1);
+    EXPECT_EQ(node_.ctl({"dpc", "kill", "12"}).err, "nasctl: dpc kill: refused by the node: LS 12 is faulty already\n");
+}
+
 TEST_F(OneNode, ScalesDownWhenAClientLeaves)
 {
     Client client(node_, "12");

@@ -99,7 +99,8 @@ TEST_F(LifNode, DeletesAPortByItsAddressAndSaysWhenThereIsNone)
     EXPECT_EQ(node_.json({"lif", "del", address})["removed"], json{"5"});
     const Outcome again = node_.ctl({"lif", "del", address});
     EXPECT_EQ(again.exitCode, 1);
-    EXPECT_EQ(again.err, "nasctl: lif del: not known to the node: no LIF port has that address\n");
+    EXPECT_EQ(again.err, "nasctl: lif del: not known to the node: no LIF port has the address " + address +
+                             "; nasctl lif ls lists them\n");
 }
 
 } // namespace

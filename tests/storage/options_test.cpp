@@ -41,8 +41,10 @@ TEST(StoredOptions, AreRefusedInOneLine)
 {
     const std::pair<std::vector<std::string>, const char *> rows[] = {
         {{"--sokcet", "x"}, "--sokcet: no such option; did you mean --socket?"},
-        {{"--strange"}, "--strange: no such option"},
-        {{"word"}, "word is not an option"},
+        {{"--strange"}, "--strange: no such option; nasstored --help tells the form"},
+        {{"word"}, "word: one argument too many; nasstored --help tells the form"},
+        {{"--socket", "/s", "word"}, "word: one argument too many; nasstored --help tells the form"},
+        {{"--socket"}, "--socket needs a value"},
         {{"--log-level", "8"}, "--log-level: 8 is not a whole number from 0 to 7"},
         {{"--ready-fd", "x"}, "--ready-fd: x is not a whole number from 0 to 2147483647"},
         {{"--data", ""}, "--data: an empty text is not a path, leave the option out instead"},
