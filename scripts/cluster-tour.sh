@@ -252,7 +252,7 @@ kill_node() {
 
 leave_clients() {
     local ls
-    title "The clients leave, which is no fault of theirs, and the nodes stop"
+    title "The clients leave, which is no fault of theirs"
     mark_events
     for ls in 101 102; do
         kill -TERM "${client_pid[$ls]}"
