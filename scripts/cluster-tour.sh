@@ -56,8 +56,8 @@ free_port() {
 etcd_answers() {
     (exec 3<>"/dev/tcp/127.0.0.1/$1" && printf 'GET /health HTTP/1.0\r\n\r\n' >&3 && grep -q '"true"' <&3) 2>/dev/null
 }
-# Everything is started in a session of its own: the Ctrl-C of a terminal reaches this script alone, which then stops the
-# nodes before etcd. Starts etcd once; false when a port was taken meanwhile.
+# Everything is started in a session of its own, so that Ctrl-C reaches this script alone, which stops the nodes before
+# etcd. Starts etcd once; false when a port was taken meanwhile.
 try_etcd() {
     port=$(free_port)
     peer=$(free_port)

@@ -5,6 +5,7 @@ A line of the template that is one of these words is replaced:
   @SYNOPSIS@      the usage line
   @OPTIONS@       the options
   @FILE_OPTIONS@  those that may stand in an option file, without their dashes
+  @ARGUMENTS@     what is not an option
   @COMMANDS@      every command with its arguments and options
   @SECTION FILE: HEADING@  the section of a document of this project
   @KEYS FILE@     the sections and keys of an example, with what its comments tell of them
@@ -49,6 +50,10 @@ def file_options(command):
 
 def argument_head(argument):
     return f"*{plain(re.sub(r'( [.]{3})?( REQUIRED)?$', '', argument.head))}*"
+
+
+def arguments(command):
+    return "".join(definition(argument_head(row), plain(row.text)) for row in command.positionals)
 
 
 def leaf(command):
@@ -107,7 +112,8 @@ def keys(file):
 
 def fill(line, command):
     words = {"@SYNOPSIS@": lambda: f"`{command.usage}`\n", "@OPTIONS@": lambda: options(command),
-             "@FILE_OPTIONS@": lambda: file_options(command), "@COMMANDS@": lambda: commands(command)}
+             "@FILE_OPTIONS@": lambda: file_options(command), "@COMMANDS@": lambda: commands(command),
+             "@ARGUMENTS@": lambda: arguments(command)}
     wanted = re.fullmatch(r"@SECTION (.*): (.*)@", line)
     if wanted:
         return section(wanted[1], wanted[2])

@@ -63,7 +63,8 @@ mv /opt/elsewhere /opt/ostrak
 [[ $said == "nasctrld: "*/opt/ostrak/eds/eds-f/conf/EBSServer.cfg* && $said != *$'\n'* ]] || fail "said: $said"
 echo "$said"
 
-for page in "1 nasctl" "1 nasctrl-hostcheck" "5 dpc.conf" "5 EBSServer.cfg" "5 vpc.local.conf" "5 nasctrl-storage.json" "5 nasctrld.conf" "8 nasctrld" "8 nasstored"; do
+for page in "1 nasctl" "1 nasctrl-hostcheck" "5 dpc.conf" "5 EBSServer.cfg" "5 vpc.local.conf" \
+    "5 nasctrl-storage.json" "5 nasctrld.conf" "8 nasctrld" "8 nasstored"; do
     # shellcheck disable=SC2086
     [ -n "$(man --warnings $page 2>&1 >/run/page; cat /run/page)" ] || fail "man $page shows nothing"
 done

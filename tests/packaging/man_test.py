@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Holds the man pages against what the programs tell by --help, and the files' pages against the example node, which has
-every field and key, in both directions.
+"""Holds the man pages against what the programs tell by --help, and the pages of files against the example node, which
+has every field and key, in both directions.
 Usage: man_test.py DIRECTORY-OF-PAGES EXAMPLE-NODE NASCTL NASCTRLD NASSTORED HOSTCHECK
 """
 import configparser
