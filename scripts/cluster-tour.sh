@@ -291,7 +291,7 @@ tell_how_to_go_on() {
   node1 status
   node2 shard fsp 5 --place
   node2 shard ls
-  node3 shard migrate 1
+  node3 shard migrate $(fsp_place 3)
   node1 dpc join 101
   node3 events --follow
   node2 --help
