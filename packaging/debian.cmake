@@ -32,8 +32,9 @@ set(CPACK_DEBIAN_DEV_PACKAGE_NAME libnasctrl-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${library} (= ${full_version})")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "control plane of a clustered NAS node (development files)
-The headers of the library and of what a host must supply, and the pkg-config
-and CMake files to link with it.")
+The headers of the library and of what a host must supply, the pkg-config and
+CMake files to link with it, nasctrl-hostcheck, which tells what a host lacks,
+the guide to embedding the library, and a minimal host to copy.")
 
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_NAME nasctrl)
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SECTION admin)

@@ -103,7 +103,7 @@ check_units() {
 
 use_by_hand() {
     title "A node by hand, as the unit starts it"
-    cp packaging/test/by-hand.sh "$root/tmp/"
+    cp packaging/test/by-hand.sh scripts/watch.sh "$root/tmp/"
     unshare --net sh -c 'ip link set lo up && exec "$@"' sh "$BASH" -c \
         "$(declare -f in_root); root=$root cache=$cache; in_root bash /tmp/by-hand.sh"
 }
@@ -113,7 +113,7 @@ use_by_systemctl() {
     title "The services under systemctl, in their sandbox"
     local booted=$root.booted
     cp -a "$root" "$booted"
-    cp packaging/test/by-systemctl.sh "$booted/root/"
+    cp packaging/test/by-systemctl.sh scripts/watch.sh "$booted/root/"
     cat >"$booted/etc/systemd/system/use.service" <<'UNIT'
 [Unit]
 After=multi-user.target

@@ -56,12 +56,13 @@ free_port() {
 etcd_answers() {
     (exec 3<>"/dev/tcp/127.0.0.1/$1" && printf 'GET /health HTTP/1.0\r\n\r\n' >&3 && grep -q '"true"' <&3) 2>/dev/null
 }
-# Starts it once; false when a port was taken meanwhile.
+# Everything is started in a session of its own, so that Ctrl-C reaches this script alone, which stops the nodes before
+# etcd. Starts etcd once; false when a port was taken meanwhile.
 try_etcd() {
     port=$(free_port)
     peer=$(free_port)
     store=http://127.0.0.1:$port
-    etcd --data-dir "$cluster/etcd" --listen-client-urls "$store" --advertise-client-urls "$store" \
+    setsid etcd --data-dir "$cluster/etcd" --listen-client-urls "$store" --advertise-client-urls "$store" \
         --listen-peer-urls "http://127.0.0.1:$peer" --initial-advertise-peer-urls "http://127.0.0.1:$peer" \
         --initial-cluster "default=http://127.0.0.1:$peer" >"$cluster/etcd.log" 2>&1 &
     etcd_pid=$!
@@ -83,7 +84,7 @@ start_node() {
     for file in nasctrld.conf storage.json; do
         sed "s/@NODE@/$1/; s/@PORT@/$(free_port)/; s|@ETCD@|$store|" "examples/cluster/$file" >"$root/$file"
     done
-    "$build/host/nasctrld" --root "$root" --config "$root/nasctrld.conf" --storage-data "$root/storage.json" \
+    setsid "$build/host/nasctrld" --root "$root" --config "$root/nasctrld.conf" --storage-data "$root/storage.json" \
         --log-file "$root/node.log" --no-console >"$root/output" 2>&1 &
     node_pid[$1]=$!
 }
@@ -251,7 +252,7 @@ kill_node() {
 
 leave_clients() {
     local ls
-    title "The clients leave, which is no fault of theirs, and the nodes stop"
+    title "The clients leave, which is no fault of theirs"
     mark_events
     for ls in 101 102; do
         kill -TERM "${client_pid[$ls]}"
@@ -266,7 +267,8 @@ leave_clients() {
 }
 stop_nodes() {
     local n
-    for n in "${nodes[@]}"; do kill -TERM "${node_pid[$n]}"; done
+    title "The nodes stop"
+    for n in "${nodes[@]}"; do kill -TERM "${node_pid[$n]}" 2>/dev/null || true; done
     for n in "${nodes[@]}"; do
         wait "${node_pid[$n]}" || fail "node $n ended with $?"
         unset "node_pid[$n]"
@@ -274,13 +276,33 @@ stop_nodes() {
     kill -TERM "$etcd_pid"
     wait "$etcd_pid" 2>/dev/null || true
     etcd_pid=
-    row "nodes ${nodes[*]} stop" "with exit status 0"
+    echo "They ended with exit status 0; every step did what it should."
 }
 print_table() {
     local line
     title "What happened"
     for line in "${table[@]}"; do printf '%-48s %s\n' "${line%%|*}" "${line#*|}"; done
-    echo "Every step did what it should."
+}
+tell_how_to_go_on() {
+    local n
+    title "Go on talking to them"
+    for n in "${nodes[@]}"; do echo "  alias node$n='$PWD/$build/ctl/nasctl --root $PWD/$cluster/node$n'"; done
+    cat <<TXT
+  node1 status
+  node2 shard fsp 5 --place
+  node2 shard ls
+  node3 shard migrate $(fsp_place 3)
+  node1 dpc join 101
+  node3 events --follow
+  node2 --help
+etcd answers at $store; the nodes' logs are $cluster/node1/node.log to node3.
+TXT
+}
+# Or until the last of them has ended by itself.
+run_on_until_interrupt() {
+    echo "The nodes run on; Ctrl-C stops them."
+    trap : INT
+    wait "${node_pid[@]}" || true
 }
 
 cluster_tour() {
@@ -299,6 +321,8 @@ cluster_tour() {
     migrate_shards
     kill_node
     leave_clients
-    stop_nodes
     print_table
+    tell_how_to_go_on
+    [ -n "$once" ] || run_on_until_interrupt
+    stop_nodes
 }

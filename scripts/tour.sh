@@ -1,5 +1,7 @@
 # What the tours of ./run share. Sourced.
 
+. scripts/watch.sh
+
 build=build/release
 
 title() { printf '\n== %s\n' "$*"; }
@@ -13,16 +15,6 @@ say_command() {
         line+=" $word"
     done
     echo "$line"
-}
-
-# Waits until a command succeeds, half a minute at most.
-eventually() {
-    local attempt
-    for attempt in $(seq 300); do
-        "$@" && return 0
-        sleep 0.1
-    done
-    return 1
 }
 
 build_programs() {

@@ -290,9 +290,8 @@ int32_t ns_getAsyn(uint32_t handle, const char *name, ns_get_cb callback, void *
     if (!host::isName(name) || callback == nullptr) {
         return -EINVAL;
     }
-    return host::askService([&](host::NameService &service) {
-        return service.read(host::keyOfName(handle, name), callback, context);
-    });
+    return host::askService(
+        [&](host::NameService &service) { return service.read(host::keyOfName(handle, name), callback, context); });
 }
 
 int32_t ns_set(uint32_t handle, const char *name, const void *value, uint32_t length, uint64_t expected_version,

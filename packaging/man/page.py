@@ -5,8 +5,10 @@ A line of the template that is one of these words is replaced:
   @SYNOPSIS@      the usage line
   @OPTIONS@       the options
   @FILE_OPTIONS@  those that may stand in an option file, without their dashes
+  @ARGUMENTS@     what is not an option
   @COMMANDS@      every command with its arguments and options
   @SECTION FILE: HEADING@  the section of a document of this project
+  @KEYS FILE@     the sections and keys of an example, with what its comments tell of them
 @SUMMARY@ and @VERSION@ may stand within a line.
 """
 import pathlib
@@ -50,6 +52,10 @@ def argument_head(argument):
     return f"*{plain(re.sub(r'( [.]{3})?( REQUIRED)?$', '', argument.head))}*"
 
 
+def arguments(command):
+    return "".join(definition(argument_head(row), plain(row.text)) for row in command.positionals)
+
+
 def leaf(command):
     rows = [f"{argument_head(row)}: {plain(row.text)}" for row in command.positionals]
     rows += [f"{option_head(row)}: {plain(row.text)}" for row in command.options if "--help" not in row.names]
@@ -89,11 +95,30 @@ def section(file, heading):
     return re.sub(r"(^\|.*\n)+", definitions, text, flags=re.M)
 
 
+def keys(file):
+    """An example of [sections] with blocks of keys, each block below a comment that tells of its keys."""
+    text = ""
+    for block in re.split(r"\n{2,}", (PROJECT / file).read_text().strip()):
+        lines = block.splitlines()
+        told = " ".join(line.lstrip("# ") for line in lines if line.startswith("#"))
+        pairs = [line for line in lines if re.match(r"\w", line)]
+        if pairs:
+            text += definition(", ".join(f"`{pair.split(' = ')[0]}`" for pair in pairs), plain(told),
+                               "Example: " + ", ".join(f"`{pair}`" for pair in pairs))
+        elif block.startswith("["):
+            text += f"## Section {plain(block.strip('[]'))}\n\n"
+    return text
+
+
 def fill(line, command):
     words = {"@SYNOPSIS@": lambda: f"`{command.usage}`\n", "@OPTIONS@": lambda: options(command),
-             "@FILE_OPTIONS@": lambda: file_options(command), "@COMMANDS@": lambda: commands(command)}
+             "@FILE_OPTIONS@": lambda: file_options(command), "@COMMANDS@": lambda: commands(command),
+             "@ARGUMENTS@": lambda: arguments(command)}
     wanted = re.fullmatch(r"@SECTION (.*): (.*)@", line)
-    return section(wanted[1], wanted[2]) if wanted else words[line]() if line in words else line
+    if wanted:
+        return section(wanted[1], wanted[2])
+    listed = re.fullmatch(r"@KEYS (.*)@", line)
+    return keys(listed[1]) if listed else words[line]() if line in words else line
 
 
 def main(program, template, version):

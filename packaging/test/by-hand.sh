@@ -2,20 +2,12 @@
 # Runs in a system with the packages installed, as root, without systemd: starts the services as their units do, and
 # uses what an operator has at hand.
 set -euo pipefail
+. "$(dirname "$0")/watch.sh"
 
 fail() {
     echo "packages: $*" >&2
     exit 1
 }
-eventually() {
-    local attempt
-    for attempt in $(seq 300); do
-        "$@" && return 0
-        sleep 0.1
-    done
-    return 1
-}
-greeting() { (exec 3<>"/dev/tcp/$1/$2" && read -r line <&3 && echo "$line") 2>/dev/null || true; }
 listens() { [[ $(greeting 127.0.0.21 20049) == "nasctrld nfs "* ]]; }
 
 # start UNIT: what the unit's ExecStart says, as its user, with a service manager's socket; returns when it is ready.
@@ -71,7 +63,8 @@ mv /opt/elsewhere /opt/ostrak
 [[ $said == "nasctrld: "*/opt/ostrak/eds/eds-f/conf/EBSServer.cfg* && $said != *$'\n'* ]] || fail "said: $said"
 echo "$said"
 
-for page in "1 nasctl" "5 nasctrl-storage.json" "5 nasctrld.conf" "8 nasctrld" "8 nasstored"; do
+for page in "1 nasctl" "1 nasctrl-hostcheck" "5 dpc.conf" "5 EBSServer.cfg" "5 vpc.local.conf" \
+    "5 nasctrl-storage.json" "5 nasctrld.conf" "8 nasctrld" "8 nasstored"; do
     # shellcheck disable=SC2086
     [ -n "$(man --warnings $page 2>&1 >/run/page; cat /run/page)" ] || fail "man $page shows nothing"
 done

@@ -1,15 +1,8 @@
 #!/usr/bin/env bash
 # Runs as root in a booted system with the packages installed: the services under systemd, in their sandbox.
 set -euxo pipefail
+. "$(dirname "$0")/watch.sh"
 
-eventually() {
-    local attempt
-    for attempt in $(seq 300); do
-        "$@" && return 0
-        sleep 0.1
-    done
-    return 1
-}
 # A command that has to fail; "!" alone would let it pass.
 refused() {
     if "$@"; then

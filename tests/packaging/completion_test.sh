@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Completes each command and option of the programs and compares with their --help.
-# Usage: completion_test.sh COMPLETION NASCTL NASCTRLD NASSTORED
+# Usage: completion_test.sh COMPLETION NASCTL NASCTRLD NASSTORED HOSTCHECK
 set -euo pipefail
 # shellcheck disable=SC1090
 . "$1"
-nasctl=$2 nasctrld=$3 nasstored=$4
+nasctl=$2 nasctrld=$3 nasstored=$4 hostcheck=$5
 findings=0
 
 # complete_line WORD...: the candidates for the last word, one a line.
@@ -42,6 +42,13 @@ expect_tree() {
 expect_tree "$nasctl"
 expect_tree "$nasctrld"
 expect_tree "$nasstored"
+expect_tree "$hostcheck"
+
+# Every program has it, and the one that takes a file leaves that to the shell.
+for program in "$nasctl" "$nasctrld" "$nasstored" "$hostcheck"; do
+    complete -p "$(basename "$program")" >/dev/null || findings=1
+done
+[[ $(complete -p nasctrl-hostcheck) == *"-o default "* ]] || { echo "nasctrl-hostcheck completes no file"; findings=1; }
 
 # An option's value is none of the commands, and is not taken for one.
 expect "" "$nasctl" --timeout-ms ""

@@ -1,14 +1,16 @@
 #!/usr/bin/env python3
-"""Holds the man pages against what the programs tell by --help, and the data file's page against the example that has
-every field, in both directions. Usage: man_test.py DIRECTORY-OF-PAGES STORAGE-EXAMPLE NASCTL NASCTRLD NASSTORED
+"""Holds the man pages against what the programs tell by --help, and the pages of files against the example node, which
+has every field and key, in both directions.
+Usage: man_test.py DIRECTORY-OF-PAGES EXAMPLE-NODE NASCTL NASCTRLD NASSTORED HOSTCHECK
 """
+import configparser
 import json
 import os
 import re
 import subprocess
 import sys
 
-pages, example, nasctl, nasctrld, nasstored = sys.argv[1:]
+pages, example, nasctl, nasctrld, nasstored, hostcheck = sys.argv[1:]
 findings = []
 
 
@@ -68,16 +70,35 @@ for usage in re.findall(r"^Usage: nasctl (.*)", everything_told(nasctl), re.M):
         findings.append(f"nasctl.1: lacks the command: {usage}")
 hold("nasctrld.8", nasctrld, "OPTIONS")
 hold("nasstored.8", nasstored, "OPTIONS")
+hold("nasctrl-hostcheck.1", hostcheck, "OPTIONS")
 
 in_file = {option[2:] for option in long_options(told(nasctrld))} - {"help", "version", "config"}
 same("nasctrld.conf.5", in_file, set(re.findall(r"^ *(\S+) = ", sections(shown("nasctrld.conf.5"), "OPTIONS"), re.M)))
 
 # The service refuses a field that it does not know, so the example has none; the page's are at the margin.
-with open(example, encoding="utf-8") as file:
+with open(f"{example}/storage.json", encoding="utf-8") as file:
     fields = set(json.load(file))
 description = sections(shown("nasctrl-storage.json.5"), "DESCRIPTION")
 listed = re.findall(r"^ ([a-z_]+(?:, [a-z_]+)*)$", description, re.M)
 same("nasctrl-storage.json.5", fields, {name for names in listed for name in names.split(", ")})
+
+
+def hold_keys(page, path):
+    deployed = configparser.ConfigParser()
+    deployed.read(f"{example}/opt/{path}", encoding="utf-8")
+    for name in deployed.sections():
+        text = re.search(rf"^ Section {name}\n(.*?)(?=^ Section |\Z)", sections(shown(page), "KEYS"), re.M | re.S)
+        examples = re.findall(r"^ Example: (.*)$", text[1] if text else "", re.M)
+        heads = re.findall(r"^ (\w+(?:, \w+)*)$", text[1] if text else "", re.M)
+        same(f"{page}: {name}", set(deployed[name]), {key for line in heads for key in line.split(", ")})
+        same(f"{page}: {name}", {f"{key} = {value}" for key, value in deployed[name].items()},
+             {pair for line in examples for pair in re.split(r", (?=\w+ = )", line)})
+
+
+hold_keys("dpc.conf.5", "marovesta/brisqueta/conf/dpc.conf")
+hold_keys("EBSServer.cfg.5", "ostrak/eds/eds-f/conf/EBSServer.cfg")
+if "ID;ADDRESS/LENGTH" not in shown("vpc.local.conf.5"):
+    findings.append("vpc.local.conf.5: lacks the form of a line")
 
 for finding in findings:
     print(finding)
