@@ -75,7 +75,11 @@ void checkHead(const FrameHead &head, uint32_t sequence, const std::string &sock
 
 } // namespace
 
-MessageClient::MessageClient(const Session &session) : session_(session), socket_(openSocket(session)) {}
+MessageClient::MessageClient(const Session &session)
+    : session_(session), firstDeadline_(std::chrono::steady_clock::now() + session.timeout),
+      socket_(openSocket(session))
+{
+}
 
 MessageClient::~MessageClient()
 {
@@ -124,7 +128,8 @@ std::string MessageClient::receive(size_t length, Deadline deadline) const
 
 MessageAnswer MessageClient::call(uint32_t module, uint32_t opcode, std::string_view payload)
 {
-    const Deadline deadline = std::chrono::steady_clock::now() + session_.timeout;
+    const bool first = sequence_ == 0;
+    const Deadline deadline = first ? firstDeadline_ : std::chrono::steady_clock::now() + session_.timeout;
     const FrameHead request = {
         kHeadRest + static_cast<uint32_t>(payload.size()), module, opcode, ++sequence_, kRequest, 0};
     std::string frame(sizeof(request), '\0');

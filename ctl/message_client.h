@@ -29,7 +29,8 @@ public:
     MessageClient(const MessageClient &) = delete;
     MessageClient &operator=(const MessageClient &) = delete;
 
-    // Sends a request of at most kMaxPayload bytes and waits for its answer.
+    // Sends a request of at most kMaxPayload bytes and waits for its answer. The first call's time began with the
+    // connection.
     MessageAnswer call(uint32_t module, uint32_t opcode, std::string_view payload);
 
 private:
@@ -39,6 +40,7 @@ private:
     void wait(short events, Deadline deadline) const;
 
     const Session &session_;
+    Deadline firstDeadline_; // begins before the socket connects
     int socket_;
     uint32_t sequence_ = 0;
 };

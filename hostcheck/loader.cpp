@@ -40,7 +40,9 @@ std::string loaderPath()
     setenv("LD_TRACE_LOADED_OBJECTS", "1", 1); // only look: the host's code does not run
     setenv("LD_WARN", "yes", 1);
     setenv("LD_BIND_NOW", "yes", 1);
-    unsetenv("LD_PRELOAD");
+    for (const char *disturbing : {"LD_PRELOAD", "LD_AUDIT", "LD_DEBUG"}) {
+        unsetenv(disturbing);
+    }
     if (chdir(library.parent_path().c_str()) == 0) {
         if (host.empty()) {
             execl(loader.c_str(), loader.c_str(), name.c_str(), nullptr);

@@ -45,6 +45,10 @@ static std::string entryTable(const nlohmann::ordered_json &entries, bool colour
     }
     Table table(columns);
     for (const auto &entry : entries) {
+        if (entry.size() != columns.size()) {
+            throw Failure(
+                "the node's answer has entries of different shapes; node and nasctl are of different versions");
+        }
         std::vector<Cell> row;
         for (const auto &field : entry.items()) {
             row.push_back(fieldCell(field.value()));

@@ -85,7 +85,9 @@ void kvlwt_task_sem_up(kvlwt_task_sem_t *sem, uint32_t module, const char *func)
     (void)module;
     (void)func;
     pthread_mutex_lock(&g_semMutex);
-    --sem->opaque[0];
+    if (sem->opaque[0] != 0) {
+        --sem->opaque[0];
+    }
     pthread_cond_broadcast(&g_semRaised);
     pthread_mutex_unlock(&g_semMutex);
 }

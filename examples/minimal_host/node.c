@@ -14,6 +14,7 @@
 
 #define ADDRESSES_MAX 4U
 #define WORKING 1U
+#define TENANTS_MAX 1025U
 
 static node_ip_entry g_addresses[ADDRESSES_MAX] = {{NFS_PROTOCOL, "192.0.2.10", WORKING}};
 static uint32_t g_addressCount = 1;
@@ -61,9 +62,11 @@ uint32_t ModuleNeedInvokeAdapter(uint32_t module, uint32_t proto_type)
     return module == NFS_MODULE && proto_type == NFS_PROTOCOL;
 }
 
+/* The count is of the tenants that changed; the table has a place for each that there can be. */
 int32_t NasAuthAgentNsNotifyLifChange(uint32_t count, const tenant_change table[1025])
 {
-    for (uint32_t tenant = 0; tenant < count; ++tenant) {
+    (void)count;
+    for (uint32_t tenant = 0; tenant < TENANTS_MAX; ++tenant) {
         if (table[tenant].changed != 0) {
             notice("tenant %u: change of kind %u", tenant, table[tenant].event_type);
         }

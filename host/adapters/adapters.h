@@ -25,9 +25,6 @@ struct AdapterSettings {
 void configureAdapters(const AdapterSettings &settings);
 const AdapterSettings &adapterSettings();
 
-// Notices about a tenant's LIFs; from any thread.
-uint64_t tenantNotices(uint32_t tenantId);
-
 // The ids of the LIF ports whose performance path is on, in ascending order. From any thread.
 std::vector<uint64_t> perfPorts();
 

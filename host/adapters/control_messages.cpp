@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <nasctrl/host/adapters.h>
+#include <new>
 
 namespace {
 
@@ -78,12 +79,10 @@ LifRow rowOf(const LifPort &port)
     return row;
 }
 
-} // namespace
-
-uint32_t NasCtrlGetLifInfoAdapter(svr_msg_t *record)
+uint32_t sendLifPorts(svr_msg_t &record)
 {
     uint32_t first = 0;
-    readArgument(*record, first);
+    readArgument(record, first);
     const host::LifTable table = host::readLifTable();
     if (!table.busyBuckets.empty()) {
         return NAS_ERROR; // the asker pages by index and would take ports that are left out for gone
@@ -103,7 +102,18 @@ uint32_t NasCtrlGetLifInfoAdapter(svr_msg_t *record)
         const LifRow row = rowOf(begin[static_cast<ptrdiff_t>(i)]);
         memcpy(reply.data() + sizeof(header) + i * sizeof(row), &row, sizeof(row));
     }
-    return SvrSendResponse(record, reply.data(), static_cast<uint32_t>(reply.size()));
+    return SvrSendResponse(&record, reply.data(), static_cast<uint32_t>(reply.size()));
+}
+
+} // namespace
+
+uint32_t NasCtrlGetLifInfoAdapter(svr_msg_t *record)
+{
+    try {
+        return sendLifPorts(*record);
+    } catch (const std::bad_alloc &) {
+        return NAS_ERROR;
+    }
 }
 
 uint32_t NasCtrlGetControllerInfoAdapter(svr_msg_t *record)

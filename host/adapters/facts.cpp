@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <mutex>
 #include <nasctrl/config.h>
@@ -18,10 +17,7 @@
 namespace host {
 namespace {
 
-constexpr uint32_t kTenants = 1025;
-
 AdapterSettings s_settings;
-std::array<std::atomic<uint64_t>, kTenants> s_tenantNotices;
 
 std::string machineName()
 {
@@ -43,11 +39,6 @@ void configureAdapters(const AdapterSettings &settings)
 const AdapterSettings &adapterSettings()
 {
     return s_settings;
-}
-
-uint64_t tenantNotices(uint32_t tenantId)
-{
-    return tenantId < kTenants ? s_tenantNotices[tenantId].load() : 0;
 }
 
 } // namespace host
@@ -143,14 +134,15 @@ int32_t CTRL_GetEdsLsidByCtrlIp(const char *ip, uint32_t *ls_id)
     return 0;
 }
 
-int32_t NasAuthAgentNsNotifyLifChange(uint32_t count, const tenant_change table[1025])
+// The count is of the tenants that changed; the table has a place for each that there can be.
+int32_t NasAuthAgentNsNotifyLifChange(uint32_t /*count*/, const tenant_change table[1025])
 {
+    constexpr uint32_t kTenants = 1025;
     if (table == nullptr) {
         return -EINVAL;
     }
-    for (uint32_t tenant = 0; tenant < std::min(count, host::kTenants); ++tenant) {
+    for (uint32_t tenant = 0; tenant < kTenants; ++tenant) {
         if (table[tenant].changed != 0) {
-            host::s_tenantNotices[tenant].fetch_add(1);
             HOST_LOG(NASCTRL_LOG_INFO, "adapters: LIFs of tenant %u changed (kind %u)", tenant,
                      table[tenant].event_type);
         }

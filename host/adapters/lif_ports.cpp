@@ -5,9 +5,12 @@
 #include "adapters/adapters.h"
 #include "adapters/lif_table.h"
 
+#include <algorithm>
 #include <mutex>
 #include <nasctrl/lif_port.h>
+#include <new>
 #include <set>
+#include <string_view>
 
 namespace host {
 namespace {
@@ -34,11 +37,15 @@ uint32_t CheckLifPortSupportPerf(uint64_t)
 uint32_t regLifportAdpter(uint64_t id, uint32_t on)
 {
     const std::lock_guard hold(host::s_perfLock);
-    if (on != 0) {
+    if (on == 0) {
+        return host::s_perfPorts.erase(id) == 1 ? NAS_OK : NAS_ERROR;
+    }
+    try {
         host::s_perfPorts.insert(id);
         return NAS_OK;
+    } catch (const std::bad_alloc &) {
+        return NAS_ERROR;
     }
-    return host::s_perfPorts.erase(id) == 1 ? NAS_OK : NAS_ERROR;
 }
 
 // The reference host's arguments: the address's text, and where to store the 64-bit id of its port; four are unused.
@@ -49,11 +56,15 @@ uint32_t getNasLifPortIdByIpAdpter(uintptr_t ip, uintptr_t id, uintptr_t, uintpt
     if (address == nullptr || out == nullptr) {
         return NAS_INVALID;
     }
-    for (const host::LifPort &port : host::readLifTable().ports) {
-        if (port.ip == address) {
-            *out = port.id;
-            return NAS_OK;
+    try {
+        const std::vector<host::LifPort> ports = host::readLifTable().ports;
+        const auto found = std::ranges::find(ports, std::string_view(address), &host::LifPort::ip);
+        if (found == ports.end()) {
+            return NAS_INVALID;
         }
+        *out = found->id;
+        return NAS_OK;
+    } catch (const std::bad_alloc &) {
+        return NAS_ERROR;
     }
-    return NAS_INVALID;
 }

@@ -28,14 +28,14 @@ NasLifPortBucket &bucketOf(uint64_t id)
 
 bool collect(NasLifPortBucket &bucket, Clock::time_point until, std::vector<LifPort> &ports)
 {
-    if (!readLockInTime(&bucket.lock, until - Clock::now())) {
+    const TimedReadHold hold(&bucket.lock, until - Clock::now());
+    if (!hold.held()) {
         return false;
     }
     for (const void *link = bucket.head.next; link != &bucket.head; link = static_cast<const list_link *>(link)->next) {
         const NasLifPortEntry *entry = entryOf(link);
         ports.push_back({entry->id, entry->time, entry->index, entry->name, entry->ip});
     }
-    kvos_rwlock_read_unlock(&bucket.lock);
     return true;
 }
 
@@ -79,11 +79,7 @@ bool ownsSlot(uint64_t id, uint32_t index)
 
 bool canRead(uint64_t id)
 {
-    const bool taken = readLockInTime(&bucketOf(id).lock, kMaxWait);
-    if (taken) {
-        kvos_rwlock_read_unlock(&bucketOf(id).lock);
-    }
-    return taken;
+    return TimedReadHold(&bucketOf(id).lock, kMaxWait).held();
 }
 
 bool canWrite(uint64_t id)

@@ -33,7 +33,7 @@ struct NodeAddress {
 std::vector<NodeAddress> nodeAddresses();
 
 // On the monitor's thread: a pass has begun; and its question was answered, with 0 and a list, or with the code of the
-// failure.
+// failure. Only a list takes memory to note, and may throw std::bad_alloc, whereupon nothing is noted.
 void beginMonitorPass();
 void noteMonitorQuery(int32_t result, const node_ip_list *list);
 

@@ -13,6 +13,7 @@
 #include <nasctrl/host/memory.h>
 #include <nasctrl/ip_manager.h>
 #include <nasctrl/ipc.h>
+#include <new>
 
 namespace {
 
@@ -46,16 +47,9 @@ void fill(node_ip_list &list)
     }
 }
 
-// Without storage-side data the node's addresses are those it was sent notices of: the library's own list, so
-// that a pass keeps them and tries the modules again that refused one.
-int32_t listOwnAddresses(node_ip_list **list)
+// With the list's lock held.
+int32_t copyList(node_ip_list **list)
 {
-    const host::TimedHold hold(g_ipListMutex, kListPatience);
-    if (!hold.held()) {
-        HOST_LOG(NASCTRL_LOG_ERROR, "adapters: the address list stayed locked for %lld ms",
-                 static_cast<long long>(kListPatience.count()));
-        return -EBUSY;
-    }
     const uint32_t count = countNodes();
     const size_t size = sizeof(node_ip_list) + count * sizeof(node_ip_entry);
     auto *answer = static_cast<node_ip_list *>(nas_mem_comm_zalloc(size, __func__, __LINE__));
@@ -68,10 +62,43 @@ int32_t listOwnAddresses(node_ip_list **list)
     return 0;
 }
 
+int32_t listStaysLocked()
+{
+    HOST_LOG(NASCTRL_LOG_ERROR, "adapters: the address list stayed locked for %lld ms",
+             static_cast<long long>(kListPatience.count()));
+    return -EBUSY;
+}
+
+// Without storage-side data the node's addresses are those it was sent notices of: the library's own list, so
+// that a pass keeps them and tries the modules again that refused one. An addition or a deletion that is under way
+// has to end first: it changes the list last, and the pass would undo what the list does not show yet.
+int32_t listOwnAddresses(node_ip_list **list)
+{
+    const host::TimedHold change(g_ipSockIpLockMutex, kListPatience);
+    if (!change.held()) {
+        return listStaysLocked();
+    }
+    const host::TimedHold hold(g_ipListMutex, kListPatience);
+    return hold.held() ? copyList(list) : listStaysLocked();
+}
+
 // The library takes the number of entries on trust, and a service may answer with fewer than it says.
 bool isWhole(const node_ip_list &list)
 {
     return host::blockSize(&list) >= sizeof list + size_t{list.count} * sizeof(node_ip_entry);
+}
+
+// The pass fails with what cannot be recorded, so that the record holds what the pass goes by.
+int32_t noteAnswer(int32_t code, const node_ip_list *list)
+{
+    try {
+        // A list that reports a failure of its own is as little of use to the monitor as none.
+        host::noteMonitorQuery(code == 0 && list != nullptr ? list->result : code, list);
+        return code;
+    } catch (const std::bad_alloc &) {
+        host::noteMonitorQuery(-ENOMEM, nullptr);
+        return -ENOMEM;
+    }
 }
 
 } // namespace
@@ -87,9 +114,7 @@ int32_t GetCurNodeIpListAdapter(node_ip_list **list)
         HOST_LOG(NASCTRL_LOG_ERROR, "adapters: the list of addresses is cut short: it is to hold %u", (*list)->count);
         code = -EPROTO; // the monitor frees the list
     }
-    // A list that reports a failure of its own is as little of use to the monitor as none.
-    host::noteMonitorQuery(code == 0 && *list != nullptr ? (*list)->result : code, *list);
-    return code;
+    return noteAnswer(code, *list);
 }
 
 uint32_t IsIpWork(const node_ip_entry *entry)

@@ -6,8 +6,10 @@
 #include "admin/calls.h"
 #include "admin/fields.h"
 #include "admin/vpc_table.h"
-#include "fmm/shard_table.h"
+#include "fmm/policy_runner.h"
+#include "fmm/shard_moves.h"
 #include <algorithm>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
@@ -16,17 +18,49 @@ namespace host::admin {
 
 namespace {
 
+using Value = std::optional<std::string>;
+using Ran = std::optional<CommandAnswer>;
+
 // The commands that take the lock of the FSP index, for which the library waits without end.
 constexpr const char *kFmmModule = "nas_fmm";
-constexpr std::string_view kIndexCommands[] = {"modify_fsp_shardview", "set_node_fault", "failback_shard_view",
-                                               "show_fsp_shardview"};
 
-void requireIndex(const std::string &module, const std::string &command)
+struct IndexCommand {
+    std::string_view name;
+    enum class Moves : uint8_t { nothing, anFsp, anLs } moves;
+};
+
+constexpr IndexCommand kIndexCommands[] = {
+    {"modify_fsp_shardview", IndexCommand::Moves::anFsp},
+    {"set_node_fault", IndexCommand::Moves::anLs},
+    {"failback_shard_view", IndexCommand::Moves::anLs},
+    {"show_fsp_shardview", IndexCommand::Moves::nothing},
+};
+
+// Null for any other command.
+const IndexCommand *indexCommand(const std::string &module, const std::string &command)
 {
-    const bool needed = module == kFmmModule && std::ranges::find(kIndexCommands, command) != std::end(kIndexCommands);
-    if (needed && !canWriteFspIndex()) {
+    const auto *found = std::ranges::find(kIndexCommands, command, &IndexCommand::name);
+    return module == kFmmModule && found != std::end(kIndexCommands) ? found : nullptr;
+}
+
+Ran runIndexCommand(const IndexCommand &command, const Value &value)
+{
+    const auto moves = command.moves == IndexCommand::Moves::nothing ? std::unique_lock<std::mutex>() : holdMoves();
+    if (!canWriteFspIndex()) {
         throw CallError(kBusy, "the lock of the shard index is held");
     }
+    const Ran answer = runCommand(kFmmModule, std::string(command.name), value);
+    const bool done = answer && answer->result == 0;
+    if (done && value && command.moves == IndexCommand::Moves::anLs) {
+        noteMoveByHand(static_cast<uint32_t>(strtoul(value->c_str(), nullptr, 0))); // as the library reads it
+    }
+    return answer;
+}
+
+Ran run(const std::string &module, const std::string &command, const Value &value)
+{
+    const IndexCommand *ofIndex = indexCommand(module, command);
+    return ofIndex != nullptr ? runIndexCommand(*ofIndex, value) : runCommand(module, command, value);
 }
 
 } // namespace
@@ -50,8 +84,7 @@ Json postCommand(const CallInput &input)
     if (module == kVpcModule) {
         vpcs.emplace();
     }
-    requireIndex(module, command);
-    const auto answer = runCommand(module, command, value);
+    const Ran answer = run(module, command, value);
     if (!answer) {
         throw CallError(kNotFound, "module " + module + " has no command " + command + "; nasctl cmd lists them");
     }

@@ -7,7 +7,9 @@
 
 #include <array>
 #include <cerrno>
+#include <ctime>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <nasctrl/fmm.h>
 #include <nasctrl/host/fmm.h>
@@ -56,6 +58,20 @@ bool keepFault(uint32_t lsId)
     }
 }
 
+// False when it was not raised in time.
+bool awaitRaise(sem_t &sem, std::chrono::milliseconds patience)
+{
+    using namespace std::chrono;
+    const auto until = (Clock::now() + patience).time_since_epoch();
+    const auto wholeSeconds = duration_cast<seconds>(until);
+    const timespec time{wholeSeconds.count(), nanoseconds(until - wholeSeconds).count()};
+    int result = 0;
+    do {
+        result = sem_clockwait(&sem, CLOCK_MONOTONIC, &time);
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
 using MoveCallback = int32_t (*)(uint64_t data, void *sem);
 // In the order of FmmMove.
 constexpr std::array<MoveCallback, 4> kMoves = {nas_fmm_vnode_movein_callback, nas_fmm_vnode_moveout_callback,
@@ -100,15 +116,18 @@ void announceProcessRecovery(uint32_t lsId)
     nas_fmm_process_recover_callback(asArgument(lsId));
 }
 
-void announceMove(FmmMove move)
+void announceMove(FmmMove move, std::chrono::milliseconds patience)
 {
-    sem_t told;
-    sem_init(&told, 0, 0);
-    kMoves.at(static_cast<size_t>(move))(0, &told);
-    while (sem_wait(&told) != 0) {
-        // a signal came in between
+    auto told = std::make_unique<sem_t>();
+    sem_init(told.get(), 0, 0);
+    kMoves.at(static_cast<size_t>(move))(0, told.get());
+    if (awaitRaise(*told, patience)) {
+        sem_destroy(told.get());
+        return;
     }
-    sem_destroy(&told);
+    HOST_LOG(NASCTRL_LOG_ERROR, "fmm: DLG and FMM were not told of a move within %lld ms",
+             static_cast<long long>(patience.count()));
+    [[maybe_unused]] const sem_t *left = told.release(); // whoever tells them raises it yet
 }
 
 } // namespace host

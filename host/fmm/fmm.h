@@ -4,6 +4,7 @@
  */
 #pragma once
 
+#include "notify/told.h"
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -40,7 +41,7 @@ void announceProcessRecovery(uint32_t lsId);
 enum class FmmMove { vnodeIn, vnodeOut, shardIn, shardOut };
 
 // A vnode or shard moves in or out, without records of what moves. Returns once DLG and FMM were told, or when that
-// failed, of which the log tells; not from a light-weight thread.
-void announceMove(FmmMove move);
+// failed or takes longer than patience, of which the log tells; not from a light-weight thread.
+void announceMove(FmmMove move, std::chrono::milliseconds patience = kTellingPatience);
 
 } // namespace host

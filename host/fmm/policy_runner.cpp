@@ -6,6 +6,8 @@
 #include "platform/log.h"
 #include <condition_variable>
 #include <mutex>
+#include <new>
+#include <optional>
 #include <thread>
 
 namespace host {
@@ -24,6 +26,8 @@ std::condition_variable s_changed;
 ShardPolicy s_policy;
 bool s_stop = false;
 bool s_news = false; // since the thread looked last
+// The LS that the step under way moves, until an operator moves the FSPs of that LS too.
+std::optional<uint32_t> s_ownMove;
 std::thread s_thread;
 
 void wake()
@@ -75,13 +79,14 @@ void take(const PolicyStep &step, std::unique_lock<std::mutex> &hold)
         tell(step, "WOULD_" + nameOf(step), counted(step.fsps) + " would move");
         return;
     }
+    s_ownMove = step.lsId;
     hold.unlock();
     const bool done = move(step);
     hold.lock();
-    if (done) {
-        s_policy.moved(step);
-    } else {
+    if (!done) {
         s_policy.failed(step, Clock::now());
+    } else if (s_ownMove) {
+        s_policy.moved(step);
     }
 }
 
@@ -99,12 +104,26 @@ bool doNext(std::unique_lock<std::mutex> &hold)
     return step.has_value();
 }
 
+// With the lock held. False also without memory, which a later look may have.
+bool tryNext(std::unique_lock<std::mutex> &hold)
+{
+    try {
+        return doNext(hold);
+    } catch (const std::bad_alloc &) {
+        if (!hold.owns_lock()) {
+            hold.lock();
+        }
+        HOST_LOG(NASCTRL_LOG_ERROR, "policy: no memory for the next step");
+        return false;
+    }
+}
+
 void run()
 {
     std::unique_lock hold(s_lock);
     while (!s_stop) {
         s_news = false;
-        if (doNext(hold)) {
+        if (tryNext(hold)) {
             continue;
         }
         const auto changed = [] { return s_stop || s_news; };
@@ -150,6 +169,9 @@ void noteMoveByHand(uint32_t lsId)
 {
     const std::lock_guard hold(s_lock);
     s_policy.movedByHand(lsId);
+    if (s_ownMove == lsId) {
+        s_ownMove.reset();
+    }
 }
 
 PolicySettings policySettings()

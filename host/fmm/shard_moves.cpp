@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <nasctrl/config.h>
 #include <nasctrl/shard_view.h>
 
@@ -121,6 +120,11 @@ MoveReport moveFsp(uint32_t fsp, uint32_t to)
     MoveReport made = report(before, expected, [&] { return FspModifyShardView(fsp, to); });
     made.emptyIndex = false;
     return made;
+}
+
+std::unique_lock<std::mutex> holdMoves()
+{
+    return std::unique_lock(s_lock);
 }
 
 } // namespace host

@@ -8,6 +8,7 @@
 #include "fmm/shard_table.h"
 #include "notify/told.h"
 #include <chrono>
+#include <mutex>
 #include <stdexcept>
 #include <vector>
 
@@ -43,5 +44,8 @@ MoveReport migrateLs(uint32_t from, uint32_t to, MoveReason reason);
 
 // One FSP, which gets into the index if need be.
 MoveReport moveFsp(uint32_t fsp, uint32_t to);
+
+// Keeps migrateLs and moveFsp waiting as long as it lives, for a move that a command of the library makes.
+[[nodiscard]] std::unique_lock<std::mutex> holdMoves();
 
 } // namespace host

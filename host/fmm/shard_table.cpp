@@ -56,14 +56,14 @@ std::vector<Shard> readShards()
 
 std::optional<std::vector<IndexedFsp>> readFspIndex()
 {
-    if (!readLockInTime(&shardViewList.lock, kMaxWait)) {
+    const TimedReadHold hold(&shardViewList.lock, kMaxWait);
+    if (!hold.held()) {
         return std::nullopt;
     }
     std::vector<IndexedFsp> fsps;
     for (const list_link &bucket : shardViewList.buckets) {
         collect(bucket, fsps);
     }
-    kvos_rwlock_read_unlock(&shardViewList.lock);
     return fsps;
 }
 

@@ -2,8 +2,8 @@
  * The semaphores of the contract, over its opaque words. Callable from every thread, light-weight or plain.
  *
  * The locks stand outside of the semaphores: the up that ends a wait has let go of the semaphore before its waiter is
- * woken, so the waiter may free the semaphore at once. A lock is held for a few instructions and never while a thread
- * waits or is woken.
+ * woken, so the waiter may free the semaphore at once. A lock is held for a few instructions, with a line of the log
+ * for what is no semaphore, and never while a thread waits or is woken.
  */
 #include "lwt/waiter.h"
 #include "lwt/work_queue.h"

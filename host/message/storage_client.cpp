@@ -245,6 +245,41 @@ int copyAnswer(std::span<const std::byte> payload, void **response, uint32_t *le
     return 0;
 }
 
+// The library takes the number of rows of this type on trust, and reads each to its NUL.
+bool isCutShort(uint32_t type, std::span<const std::byte> payload)
+{
+    constexpr uint32_t kZoneNodeIds = 10;
+    constexpr size_t kRowSize = 3072;
+    struct {
+        int32_t result;
+        uint32_t rows;
+    } head{};
+    if (type != kZoneNodeIds || payload.size() < sizeof head) {
+        return false;
+    }
+    memcpy(&head, payload.data(), sizeof head);
+    if (head.result != 0 || head.rows == 0) {
+        return false;
+    }
+    const size_t whole = sizeof head + head.rows * kRowSize;
+    return payload.size() < whole || std::ranges::count(payload.subspan(whole - kRowSize, kRowSize), std::byte{0}) == 0;
+}
+
+// What the answer means for its call; see copyAnswer.
+int32_t takeAnswer(uint32_t type, const FrameHeader &answer, std::span<const std::byte> payload, void **response,
+                   uint32_t *length)
+{
+    if (answer.result != 0) {
+        return answer.result;
+    }
+    if (isCutShort(type, payload)) {
+        HOST_LOG(NASCTRL_LOG_ERROR, "storage: an answer of type %u is cut short: it has %zu bytes", type,
+                 payload.size());
+        return -EPROTO;
+    }
+    return copyAnswer(payload, response, length);
+}
+
 int32_t ask(const Settings &now, const svr_call_t &call, void **response, uint32_t *length)
 {
     const auto deadline = Clock::now() + now.timeout;
@@ -267,7 +302,7 @@ int32_t ask(const Settings &now, const svr_call_t &call, void **response, uint32
     int32_t result = connection->receive(request, answer, payload, deadline);
     const bool reusable = result == 0 || result == -ETIMEDOUT;
     if (result == 0) {
-        result = answer.result != 0 ? answer.result : copyAnswer(payload, response, length);
+        result = takeAnswer(call.type, answer, payload, response, length);
     }
     if (reusable) {
         giveBack(std::move(connection));

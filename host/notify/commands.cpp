@@ -33,6 +33,12 @@ bool needsValue(const Command &command)
     return command.usage.find(" -v") != std::string::npos;
 }
 
+// An answer ends in a new line. With that at its end, the operator's text would look like an answer left out.
+std::string withoutTrailingSpace(const std::string &text)
+{
+    return text.substr(0, text.find_last_not_of(" \t\n\v\f\r") + 1);
+}
+
 // A result above 0 is the answer's length, which is a success; unless the buffer still holds the operator's text, and
 // so no answer: then it is the code of a failure, as any other.
 CommandAnswer answerIn(const std::string &buffer, const std::string &value, int32_t result)
@@ -74,7 +80,7 @@ std::optional<CommandAnswer> runCommand(const std::string &module, const std::st
     if (!value && needsValue(*command)) {
         return CommandAnswer{command->handler(nullptr, 0), ""};
     }
-    const std::string text = value.value_or("");
+    const std::string text = withoutTrailingSpace(value.value_or(""));
     if (text.size() >= kTextSize) {
         return CommandAnswer{-E2BIG, ""};
     }

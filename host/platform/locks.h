@@ -14,4 +14,25 @@ namespace host {
 bool readLockInTime(kvos_rwlock_t *lock, std::chrono::nanoseconds limit);
 bool writeLockInTime(kvos_rwlock_t *lock, std::chrono::nanoseconds limit);
 
+// A reader's hold, if it could be had in time, that ends with its scope.
+class TimedReadHold {
+public:
+    TimedReadHold(kvos_rwlock_t *lock, std::chrono::nanoseconds limit) : lock_(lock), held_(readLockInTime(lock, limit))
+    {
+    }
+    ~TimedReadHold()
+    {
+        if (held_) {
+            kvos_rwlock_read_unlock(lock_);
+        }
+    }
+    TimedReadHold(const TimedReadHold &) = delete;
+    TimedReadHold &operator=(const TimedReadHold &) = delete;
+    [[nodiscard]] bool held() const { return held_; }
+
+private:
+    kvos_rwlock_t *lock_;
+    bool held_;
+};
+
 } // namespace host

@@ -240,6 +240,19 @@ TEST_F(Failures, AnAnswerOfAnotherShapeIsNamed)
                        1}));
 }
 
+TEST_F(Failures, EntriesOfDifferentShapesAreSaidSo)
+{
+    for (const char *second : {R"({"address": "::2"})", R"({"address": "::2", "protocol_type": 3, "more": 1})"}) {
+        node_.answer(R"({"question": "zone", "code": 0, "reason": null, "answer": {"result": 0, "count": 2,)"
+                     R"( "entries": [{"address": "::1", "protocol_type": 3}, )" +
+                     std::string(second) + R"(], "rest": null}})");
+        EXPECT_EQ(run({"hdfs", "zone"}), (Outcome{"",
+                                                  "nasctl: hdfs zone: the node's answer has entries of different "
+                                                  "shapes; node and nasctl are of different versions\n",
+                                                  1}));
+    }
+}
+
 TEST_F(Failures, APartOfAnotherTypeIsNamed)
 {
     node_.answer(R"({"getters": [7]})");

@@ -1,7 +1,9 @@
+#include "failing_new.h"
 #include "fake_library.h"
 
 #include <adapters/adapters.h>
 #include <adapters/lif_table.h>
+#include <adapters/monitor_pass.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -135,16 +137,13 @@ TEST_F(Adapters, ReadTheDataAddressOnceItIsThereAndKeepItsText)
 
 // ---- notices
 
-TEST_F(Adapters, CountAndLogTheChangedTenantsOnly)
+TEST_F(Adapters, LogTheChangedTenantsHoweverFewTheyAre)
 {
     std::vector<tenant_change> table(1025);
     table[4] = {1, 2};
     table[1024] = {1, 1};
     table[5] = {0, 9};
-    const uint64_t before = host::tenantNotices(4);
-    EXPECT_EQ(NasAuthAgentNsNotifyLifChange(1025, table.data()), 0);
-    EXPECT_EQ(host::tenantNotices(4), before + 1);
-    EXPECT_EQ(host::tenantNotices(5), 0U);
+    EXPECT_EQ(NasAuthAgentNsNotifyLifChange(2, table.data()), 0);
     EXPECT_THAT(fake::library().lines, ElementsAre("6 adapters: LIFs of tenant 4 changed (kind 2)",
                                                    "6 adapters: LIFs of tenant 1024 changed (kind 1)"));
     EXPECT_EQ(NasAuthAgentNsNotifyLifChange(1, nullptr), -EINVAL);
@@ -188,6 +187,31 @@ TEST_F(Adapters, DoNotFindAPortWhoseBucketIsHeldAndDoNotWaitForIt)
     EXPECT_EQ(id, 7U);
 }
 
+TEST_F(Adapters, RefuseAPerformancePathThatTheyHaveNoMemoryToRemember)
+{
+    failing::countdown = 1;
+    EXPECT_EQ(regLifportAdpter(9, 1), NAS_ERROR);
+    EXPECT_THAT(host::perfPorts(), IsEmpty());
+}
+
+TEST_F(Adapters, FindNoPortWithoutMemory)
+{
+    fake::addPort(300, 5, 1, std::string(100, 'l'), "10.0.0.2");
+    uint64_t id = 7;
+    uint32_t result = NAS_INVALID;
+    failing::sweep(
+        [&] {
+            result = getNasLifPortIdByIpAdpter(reinterpret_cast<uintptr_t>("10.0.0.2"),
+                                               reinterpret_cast<uintptr_t>(&id), 0, 0, 0, 0);
+        },
+        [&] {
+            EXPECT_EQ(result, NAS_ERROR);
+            EXPECT_EQ(id, 7U);
+            EXPECT_TRUE(host::canWriteAll()) << "no hold is left behind";
+        });
+    EXPECT_EQ(result, NAS_OK);
+}
+
 TEST_F(Adapters, KnowNoPortsBeforeTheTableIsBuilt)
 {
     EXPECT_THAT(host::readLifTable().ports, IsEmpty());
@@ -229,11 +253,17 @@ TEST_F(Adapters, AnswerAnEmptyListForANodeWithoutAddresses)
     EXPECT_EQ(list->count, 0U);
 }
 
+void expectFree(pthread_mutex_t &mutex)
+{
+    ASSERT_EQ(pthread_mutex_trylock(&mutex), 0);
+    pthread_mutex_unlock(&mutex);
+}
+
 TEST_F(Adapters, LeaveTheListUnlockedBehindThem)
 {
     currentList(0);
-    ASSERT_EQ(pthread_mutex_trylock(&g_ipListMutex), 0);
-    pthread_mutex_unlock(&g_ipListMutex);
+    expectFree(g_ipSockIpLockMutex);
+    expectFree(g_ipListMutex);
 }
 
 TEST_F(Adapters, GiveUpOnAListThatStaysLocked)
@@ -241,7 +271,39 @@ TEST_F(Adapters, GiveUpOnAListThatStaysLocked)
     pthread_mutex_lock(&g_ipListMutex);
     EXPECT_EQ(currentList(-EBUSY), nullptr);
     pthread_mutex_unlock(&g_ipListMutex);
+    expectFree(g_ipSockIpLockMutex);
     EXPECT_THAT(fake::library().lines, ElementsAre("3 adapters: the address list stayed locked for 100 ms"));
+}
+
+// The list lacks an address until its addition has ended, and the monitor takes what it lacks for gone.
+TEST_F(Adapters, AnswerNoListWhileAnAdditionIsUnderWay)
+{
+    fake::listAddress("127.0.0.1", 3, 63);
+    pthread_mutex_lock(&g_ipSockIpLockMutex);
+    EXPECT_EQ(currentList(-EBUSY), nullptr);
+    pthread_mutex_unlock(&g_ipSockIpLockMutex);
+    expectFree(g_ipListMutex);
+    EXPECT_THAT(fake::library().lines, ElementsAre("3 adapters: the address list stayed locked for 100 ms"));
+}
+
+TEST_F(Adapters, FailAPassWhoseAddressesTheyHaveNoMemoryToRecord)
+{
+    fake::listAddress(std::string(45, 'f'), 5, 0);
+    List list;
+    int32_t result = 0;
+    failing::sweep(
+        [&] {
+            node_ip_list *answer = nullptr;
+            result = GetCurNodeIpListAdapter(&answer);
+            list.reset(answer);
+        },
+        [&] {
+            EXPECT_EQ(result, -ENOMEM);
+            EXPECT_NE(list, nullptr) << "handed out to be freed";
+            EXPECT_EQ(host::lastMonitorPass()->queryResult, -ENOMEM);
+        });
+    EXPECT_EQ(result, 0);
+    EXPECT_THAT(host::nodeAddresses(), SizeIs(1));
 }
 
 TEST_F(Adapters, AnswerNothingWithoutMemory)
@@ -374,6 +436,20 @@ TEST_F(ControlMessages, SendNoListOfLifPortsWithPortsLeftOut)
     kvos_rwlock_write_lock(&g_NfsLifPortInfo.buckets[1].lock);
     ask(NasCtrlGetLifInfoAdapter, {40}, NAS_ERROR);
     EXPECT_THAT(fake::library().sent, IsEmpty());
+}
+
+TEST_F(ControlMessages, FailWithoutMemoryForAListOfLifPorts)
+{
+    fake::addPort(300, 5, 1000, "lif-b", "10.0.0.2");
+    svr_msg_t record{};
+    uint32_t result = NAS_OK;
+    failing::sweep([&] { result = NasCtrlGetLifInfoAdapter(&record); },
+                   [&] {
+                       EXPECT_EQ(result, NAS_ERROR);
+                       EXPECT_THAT(fake::library().sent, IsEmpty());
+                   });
+    EXPECT_EQ(result, NAS_OK);
+    EXPECT_THAT(fake::library().sent, SizeIs(1));
 }
 
 TEST_F(ControlMessages, CutAListOfLifPortsThatFillsAReplyAndTellWhereToGoOn)

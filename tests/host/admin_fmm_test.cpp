@@ -49,7 +49,7 @@ void announceProcessRecovery(uint32_t lsId)
     g_fmm.announced.push_back("recovery " + std::to_string(lsId));
     tell("FMM", "NODE_RECOVER");
 }
-void announceMove(FmmMove move)
+void announceMove(FmmMove move, std::chrono::milliseconds /*patience*/)
 {
     constexpr const char *kNames[] = {"VNODE_MOVEIN", "VNODE_MOVEOUT", "SCALE_IN", "SCALE_OUT"};
     g_fmm.announced.push_back("move " + std::to_string(static_cast<int>(move)));

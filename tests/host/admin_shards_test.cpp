@@ -4,13 +4,18 @@
  */
 #include "admin/routes.h"
 #include "admin_node.h"
+#include "failing_new.h"
 #include "fmm/policy_runner.h"
+#include "fmm/shard_moves.h"
 #include "notify/events.h"
 #include "platform/locks.h"
+#include "recorded_log.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <deque>
+#include <functional>
+#include <future>
 #include <gmock/gmock.h>
 #include <nasctrl/config.h>
 #include <nasctrl/shard_view.h>
@@ -31,7 +36,8 @@ using testing::IsEmpty;
 
 struct Shards {
     uint32_t result = 0;
-    bool silent = false; // moves tell nobody
+    bool silent = false;          // moves tell nobody
+    std::function<void()> atMove; // once, when a migration begins, on its thread
     std::deque<shard_node> nodes;
     std::vector<std::string> calls;
 };
@@ -140,6 +146,9 @@ uint32_t stubGetShardInfo(int32_t fspId, shard_info *out)
 }
 uint32_t FspMigrationNode(uint32_t src, uint32_t dst, int32_t failback)
 {
+    if (const auto atMove = std::exchange(g_shards.atMove, nullptr)) {
+        atMove();
+    }
     g_shards.calls.push_back("migrate " + std::to_string(src) + " to " + std::to_string(dst) + ", " +
                              std::to_string(failback));
     if (g_shards.result != 0 || g_shards.nodes.empty()) {
@@ -454,6 +463,49 @@ TEST_F(AdminShards, AreNotMovedByTheLibrarysCommandWhileTheIndexIsHeld)
     EXPECT_THAT(g_shards.calls, ElementsAre("command 5"));
 }
 
+// Whether a move that begins while the command runs has to wait for it.
+bool keepsMovesOut(const std::string &module, const std::string &command)
+{
+    std::mutex *moves = host::holdMoves().mutex();
+    bool held = false;
+    g_node.commands = {{module, command, "", nullptr}};
+    g_node.run = [&](const std::optional<std::string> &) {
+        const auto canHold = [&] { return std::unique_lock(*moves, std::try_to_lock).owns_lock(); };
+        held = !std::async(std::launch::async, canHold).get();
+        return host::CommandAnswer{0, ""};
+    };
+    const std::string body = R"({"module":")" + module + R"(","command":")" + command + R"(","value":"1"})";
+    EXPECT_EQ(host::admin::answerRequest({"POST", "/v1/commands", body}).status, 200U);
+    EXPECT_EQ(host::holdMoves().mutex(), moves) << "free again";
+    return held;
+}
+
+TEST_F(AdminShards, AreMovedByOneAtATimeTheLibrarysCommandsIncluded)
+{
+    for (const char *command : {"modify_fsp_shardview", "set_node_fault", "failback_shard_view"}) {
+        EXPECT_TRUE(keepsMovesOut("nas_fmm", command)) << command;
+    }
+    EXPECT_FALSE(keepsMovesOut("nas_fmm", "show_fsp_shardview"));
+    EXPECT_FALSE(keepsMovesOut("nas_fmm", "node_fault"));
+    EXPECT_FALSE(keepsMovesOut("other", "set_node_fault"));
+}
+
+TEST_F(AdminShards, LeaveTheIndexFreeWhenMemoryIsTooShortToReadIt)
+{
+    addNode(7, 1);
+    addNode(8, 2);
+    std::optional<std::vector<host::IndexedFsp>> index;
+    failing::sweep(
+        [&] {
+            try {
+                index = host::readFspIndex();
+            } catch (const std::bad_alloc &) {
+            }
+        },
+        [] { EXPECT_TRUE(host::canWriteFspIndex()); });
+    EXPECT_EQ(index->size(), 2U);
+}
+
 // ---- the policy
 
 TEST_F(AdminShards, HaveAPolicyThatIsOff)
@@ -553,6 +605,61 @@ TEST_F(ShardPolicyAtWork, MovesNothingInADryRun)
               "1 FSP would move from LS 2 to LS 70000: LS 2 is faulty, and LS 70000 is the next that runs");
     host::stopShardPolicy();
     EXPECT_THAT(g_shards.calls, IsEmpty());
+}
+
+// Whether the policy would move the FSPs of LS 2 back.
+bool movedByPolicy()
+{
+    return host::policyView().reports.at(2).moved;
+}
+
+void runCommand(const std::string &command, int32_t result)
+{
+    g_node.commands = {{"nas_fmm", command, "", nullptr}};
+    g_node.run = [=](const std::optional<std::string> &) { return host::CommandAnswer{result, ""}; };
+    const std::string body = R"({"module":"nas_fmm","command":")" + command + R"(","value":"0x2"})";
+    EXPECT_EQ(host::admin::answerRequest({"POST", "/v1/commands", body}).status, 200U);
+}
+
+TEST_F(ShardPolicyAtWork, LeavesAnLsToTheOperatorWhoMovedItByTheLibrarysCommand)
+{
+    addNode(7, 1);
+    host::reportStorageLs(2, true);
+    host::setPolicy({host::PolicyMode::on, std::chrono::seconds(60)});
+    await("MIGRATE");
+    host::stopShardPolicy();
+    runCommand("modify_fsp_shardview", 0); // of FSP 2
+    runCommand("failback_shard_view", 1);
+    EXPECT_TRUE(movedByPolicy()) << "after the move of an FSP, and a command that failed";
+    runCommand("failback_shard_view", 0);
+    EXPECT_FALSE(movedByPolicy());
+}
+
+TEST_F(ShardPolicyAtWork, LeavesAnLsToTheOperatorWhoMovesItDuringTheMoveOfThePolicy)
+{
+    addNode(7, 1);
+    g_shards.atMove = [] { host::noteMoveByHand(2); };
+    host::reportStorageLs(2, true);
+    host::setPolicy({host::PolicyMode::on, std::chrono::seconds(60)});
+    await("MIGRATE");
+    host::stopShardPolicy();
+    EXPECT_FALSE(movedByPolicy());
+}
+
+TEST_F(ShardPolicyAtWork, GoesOnAfterMemoryWasShort)
+{
+    addNode(7, 1);
+    recorded::clear();
+    g_shards.atMove = [] {
+        host::reportStorageLs(2, true); // wakes the thread as soon as it sleeps
+        throw std::bad_alloc();
+    };
+    host::reportStorageLs(2, true);
+    host::setPolicy({host::PolicyMode::on, std::chrono::seconds(60)});
+    await("MIGRATE");
+    host::stopShardPolicy();
+    EXPECT_TRUE(movedByPolicy());
+    EXPECT_THAT(recorded::lines(), testing::Contains("3 policy: no memory for the next step"));
 }
 
 TEST_F(ShardPolicyAtWork, TellsOfAMoveThatFailed)

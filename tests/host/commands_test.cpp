@@ -88,6 +88,13 @@ TEST_F(CommandRegistry, HandsTheTextInAndTheAnswerOut)
     EXPECT_EQ(answer.result, 0) << "a length is a success";
 }
 
+TEST_F(CommandRegistry, CutsBlanksAtTheEndOfTheTextOnly)
+{
+    add("echo", echoInBrackets);
+    EXPECT_EQ(runCommand(module(), "echo", " a b \t\n")->text, "[ a b] 1048576\n");
+    EXPECT_EQ(runCommand(module(), "echo", " \n")->text, "[] 1048576\n");
+}
+
 TEST_F(CommandRegistry, GivesACommandWithoutATextAnEmptyBufferForItsAnswer)
 {
     add("echo", echoInBrackets, "-m m -c echo [-v TEXT]");
@@ -278,6 +285,14 @@ TEST_F(SysctrlCommands, AnswerThePeriodAndSetItWhenGivenOne)
     EXPECT_THAT(fake::library().calls, IsEmpty());
     EXPECT_EQ(run("ip_period", "30").text, "60\n");
     EXPECT_THAT(fake::library().calls, ElementsAre("NasIpMgrSetIpQueryPeriod(30)"));
+}
+
+TEST_F(SysctrlCommands, TakeATextWithALineEndWithoutIt)
+{
+    const CommandAnswer answer = run("ip_period", "60\r\n");
+    EXPECT_EQ(answer.result, 0);
+    EXPECT_EQ(answer.text, "60\n");
+    EXPECT_THAT(fake::library().calls, ElementsAre("NasIpMgrSetIpQueryPeriod(60)"));
 }
 
 TEST_F(SysctrlCommands, ListAddAndDeleteClusters)

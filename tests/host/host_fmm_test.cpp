@@ -19,10 +19,16 @@ using testing::StartsWith;
 
 std::vector<std::string> g_called;
 std::thread g_told; // the light-weight thread of a move
+bool g_stuck;       // moves tell nobody
+void *g_unraised;   // the semaphore of a move that is stuck
 
 int32_t toldLater(const char *name, uint64_t data, void *sem)
 {
     g_called.push_back(std::string(name) + "(" + std::to_string(data) + ")");
+    if (g_stuck) {
+        g_unraised = sem;
+        return 0;
+    }
     g_told = std::thread([sem] { sem_post(static_cast<sem_t *>(sem)); });
     return 0;
 }
@@ -173,6 +179,17 @@ TEST_F(HostFmm, ReturnsFromAMoveOnceTheModulesWereTold)
         g_told.join();
         EXPECT_THAT(g_called, ElementsAre(row.call));
     }
+}
+
+TEST_F(HostFmm, GivesAMoveUpOfWhichNobodyIsToldAndKeepsItsSemaphoreForOneWhoComesLate)
+{
+    g_stuck = true;
+    host::announceMove(host::FmmMove::vnodeIn, std::chrono::milliseconds(1));
+    g_stuck = false;
+    EXPECT_THAT(recorded::lines(), ElementsAre("3 fmm: DLG and FMM were not told of a move within 1 ms"));
+    auto *unraised = static_cast<sem_t *>(g_unraised);
+    EXPECT_EQ(sem_post(unraised), 0);
+    EXPECT_EQ(sem_trywait(unraised), 0);
 }
 
 } // namespace

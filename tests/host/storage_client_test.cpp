@@ -410,6 +410,55 @@ TEST_F(StorageClient, GivesUpAConnectionWithAMalformedAnswer)
     }
 }
 
+// An answer of type 10 with that many bytes behind its result and number of rows.
+std::string zoneNodes(uint32_t result, uint32_t rows, const std::string &rest)
+{
+    std::string payload;
+    appendWord(payload, result);
+    appendWord(payload, rows);
+    return payload + rest;
+}
+
+TEST_F(StorageClient, HandsOutNoZoneNodesThatAreFewerThanTheirAnswerSays)
+{
+    const std::string row = "node" + std::string(3068, '\0');
+    const struct {
+        const char *name;
+        std::string payload;
+        bool whole;
+    } rows[] = {
+        {"none", zoneNodes(0, 0, ""), true},
+        {"all", zoneNodes(0, 2, row + row), true},
+        {"more", zoneNodes(0, 1, row + row), true},
+        {"one too few", zoneNodes(0, 2, row), false},
+        {"a byte too few", zoneNodes(0, 1, row.substr(1)), false},
+        {"more than there can be", zoneNodes(0, UINT32_MAX, row), false},
+        {"none of those that it says", zoneNodes(0, 1, ""), false},
+        {"the last without an end", zoneNodes(0, 2, row + std::string(3072, 'x')), false},
+        {"the first without an end", zoneNodes(0, 2, std::string(3072, 'x') + row), true},
+        {"a result of its own", zoneNodes(5, 9, ""), true},
+        {"too short for a number of rows", zoneNodes(0, 9, "").substr(0, 7), true},
+    };
+    StorageService service(path(), [&](StorageService &self) {
+        const Peer peer = self.accept();
+        for (const auto &each : rows) {
+            peer.send(answerTo(peer.receiveFrame(), each.payload));
+        }
+    });
+    start();
+
+    for (const auto &each : rows) {
+        recorded::clear();
+        const Outcome expected = each.whole ? Outcome{0, each.payload} : Outcome{-EPROTO, std::nullopt};
+        EXPECT_TRUE(ask(10, "") == expected) << each.name;
+        EXPECT_EQ(recorded::lines(),
+                  each.whole ? std::vector<std::string>()
+                             : std::vector<std::string>{"3 storage: an answer of type 10 is cut short: it has " +
+                                                        std::to_string(each.payload.size()) + " bytes"})
+            << each.name;
+    }
+}
+
 TEST_F(StorageClient, GivesUpARequestThatTheServiceDoesNotTakeInTime)
 {
     StorageService service(path(), [&](StorageService &self) {
