@@ -4,6 +4,7 @@
 
 #include "fmm/shard_moves.h"
 #include "platform/log.h"
+#include <common/counted.h>
 #include <condition_variable>
 #include <mutex>
 #include <new>
@@ -49,11 +50,6 @@ void tell(const PolicyStep &step, const std::string &name, const std::string &ou
     recordEvent({.module = "POLICY", .name = name, .data = step.lsId, .text = text});
 }
 
-std::string counted(uint64_t fsps)
-{
-    return std::to_string(fsps) + (fsps == 1 ? " FSP" : " FSPs");
-}
-
 // True when it was done.
 bool move(const PolicyStep &step)
 {
@@ -61,7 +57,7 @@ bool move(const PolicyStep &step)
     try {
         const MoveReport report = migrateLs(step.from, step.to, reason);
         if (report.result == 0 && !report.emptyIndex) {
-            tell(step, nameOf(step), counted(report.moved ? report.moved->size() : step.fsps));
+            tell(step, nameOf(step), common::counted(report.moved ? report.moved->size() : step.fsps, "FSP"));
             return true;
         }
         tell(step, nameOf(step) + "_FAILED", "the library moved nothing, or not all,");
@@ -76,7 +72,7 @@ void take(const PolicyStep &step, std::unique_lock<std::mutex> &hold)
 {
     if (s_policy.mode() == PolicyMode::dryRun) {
         s_policy.announced(step);
-        tell(step, "WOULD_" + nameOf(step), counted(step.fsps) + " would move");
+        tell(step, "WOULD_" + nameOf(step), common::counted(step.fsps, "FSP") + " would move");
         return;
     }
     s_ownMove = step.lsId;
