@@ -49,7 +49,7 @@ Ran runIndexCommand(const IndexCommand &command, const Value &value)
     if (!canWriteFspIndex()) {
         throw CallError(kBusy, "the lock of the shard index is held");
     }
-    const Ran answer = runCommand(kFmmModule, std::string(command.name), value);
+    Ran answer = runCommand(kFmmModule, std::string(command.name), value);
     const bool done = answer && answer->result == 0;
     if (done && value && command.moves == IndexCommand::Moves::anLs) {
         noteMoveByHand(static_cast<uint32_t>(strtoul(value->c_str(), nullptr, 0))); // as the library reads it

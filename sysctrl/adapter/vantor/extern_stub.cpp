@@ -2,8 +2,8 @@
  * The configuration adapter: loads two files through the host, then answers typed questions about them, and passes
  * some questions on to the host.
  *
- * Owns g_dpcSwitch, a plain byte that any thread may set and read. No lock: the loaders run once at start, before any getter; getters keep nothing and
- * run on any thread.
+ * Owns g_dpcSwitch, a plain byte that any thread may set and read. No lock: the loaders run once at start, before any
+ * getter; getters keep nothing and run on any thread.
  */
 #include <algorithm>
 #include <cstddef>
