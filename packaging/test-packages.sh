@@ -62,6 +62,7 @@ make_clean_system() {
     trap 'rm -rf "$root" "$root.booted" "$root.apt"' EXIT
     if [ -f "$cache/base.tar" ]; then
         tar -C "$root" -xf "$cache/base.tar"
+        apt_get update
         return
     fi
     debootstrap --variant=minbase --include=systemd,systemd-sysv bookworm "$root" "$mirror" >"$cache/debootstrap.log" ||
@@ -105,7 +106,7 @@ use_by_hand() {
     title "A node by hand, as the unit starts it"
     cp packaging/test/by-hand.sh scripts/watch.sh "$root/tmp/"
     unshare --net sh -c 'ip link set lo up && exec "$@"' sh "$BASH" -c \
-        "$(declare -f in_root); root=$root cache=$cache; in_root bash /tmp/by-hand.sh"
+        "$(declare -f in_root); root=${root@Q} cache=${cache@Q}; in_root bash /tmp/by-hand.sh"
 }
 
 # A copy of the system is booted, because this ends with a purge.

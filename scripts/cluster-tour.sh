@@ -67,7 +67,13 @@ try_etcd() {
         --initial-cluster "default=http://127.0.0.1:$peer" >"$cluster/etcd.log" 2>&1 &
     etcd_pid=$!
     eventually answers_or_ended "$port" || true
-    etcd_answers "$port" || { kill "$etcd_pid" 2>/dev/null; return 1; }
+    etcd_answers "$port" || give_up_etcd
+}
+give_up_etcd() {
+    kill "$etcd_pid" 2>/dev/null || true
+    wait "$etcd_pid" 2>/dev/null || true
+    rm -rf "$cluster/etcd"
+    return 1
 }
 answers_or_ended() { etcd_answers "$1" || ! kill -0 "$etcd_pid" 2>/dev/null; }
 start_etcd() {

@@ -4,7 +4,8 @@ set -euo pipefail
 output=$(realpath -m "$1")
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 mkdir -p "$output"
-complaints=$( (cat docs/Doxyfile && echo "OUTPUT_DIRECTORY = $output") | doxygen - 2>&1)
+complaints=$( (cat docs/Doxyfile && echo "OUTPUT_DIRECTORY = $output") | doxygen - 2>&1) ||
+    complaints+=$'\ndoxygen failed'
 if [ -n "$complaints" ]; then
     echo "${complaints//$PWD\//}" >&2
     exit 1

@@ -141,7 +141,9 @@ int showEvents(const Session &session, const std::optional<std::string> &after, 
     if (follow) {
         signals.emplace();
     }
-    const auto wait = follow ? std::min(session.timeout / 2, kMaxWait) : std::chrono::milliseconds(0);
+    // Half of what the call may take, but never nothing: the node would answer at once, again and again.
+    const auto patience = std::clamp(session.timeout / 2, std::chrono::milliseconds(1), kMaxWait);
+    const auto wait = follow ? patience : std::chrono::milliseconds(0);
     // Whoever reads the output is gone when it cannot be written; the program's end tells so.
     while ((reader.read(wait, signals) || follow) && std::fflush(stdout) == 0) {
     }
