@@ -83,6 +83,8 @@ uint32_t openCmClient(const char *func)
         LOG_CLASS_AS(func, 3, "nas ctrl get local IP address failed:%d.", static_cast<int>(ret));
         return ret;
     }
+    cmList[sizeof(cmList) - 1] = '\0'; /* whatever the host's reader has left there */
+    localIp[sizeof(localIp) - 1] = '\0';
     ret = NasCrtlOpenCmClientAdapter(cmList, localIp, &g_nasCtrlCMClientId);
     if (ret != NAS_OK) {
         LOG_CLASS_AS(func, 3, "Init cm client(%s %s %u) for NAS protocol cluster failed:%d.", cmList, localIp,

@@ -71,7 +71,7 @@ static_assert(offsetof(nas_dpc_event_task_list, lock) == 16);
 static_assert(sizeof(nas_dpc_event_task_list) == 40);
 
 nas_dpc_ls_view g_nasDpcLsView;
-nas_dpc_event_task_list g_nasDpcEventTaskList;
+nas_dpc_event_task_list g_nasDpcEventTaskList = {{&g_nasDpcEventTaskList.head, &g_nasDpcEventTaskList.head}, {}};
 uint32_t g_nasDpcClientId;
 uint32_t g_nasCtrlDpcSubscribed;
 uint64_t g_cmregls;

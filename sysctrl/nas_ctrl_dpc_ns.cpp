@@ -16,6 +16,7 @@
 #include "internal/locks.h"
 #include "internal/log.h"
 #include "internal/pool.h"
+#include "internal/words.h"
 
 static_assert(offsetof(ns_value, FL) == 0);
 static_assert(offsetof(ns_value, reserved) == 4);
@@ -56,10 +57,12 @@ constexpr int32_t kNameExists = 2; /* an answer of ns_create */
 constexpr int32_t kPublishAttempts = 51;
 constexpr uint32_t kPublishPauseMs = 100;
 
-uint64_t currentVersion()
+/* The version alone is also read without the lock. */
+void setState(const ns_state_t &state)
 {
-    const nas::SpinGuard guard(&s_dpcNsLock);
-    return s_nasctrlDpcNsStat.version;
+    s_nasctrlDpcNsStat.word0 = state.word0;
+    s_nasctrlDpcNsStat.word1 = state.word1;
+    nas::writeWord(s_nasctrlDpcNsStat.version, state.version);
 }
 
 void updateLocalVerInfo(uint64_t version, const ns_value &value)
@@ -81,7 +84,7 @@ void takeNewer(const char *func, const ns_info_t &info)
     if (info.version <= static_cast<int64_t>(s_nasctrlDpcNsStat.version)) {
         return;
     }
-    s_nasctrlDpcNsStat.version = static_cast<uint64_t>(info.version);
+    nas::writeWord(s_nasctrlDpcNsStat.version, static_cast<uint64_t>(info.version));
     if (info.value == nullptr) {
         LOG_CLASS_AS(func, 1, "NASCTRL_DPC: ns_getAsyn cb get verctrl null value.");
         return;
@@ -119,7 +122,7 @@ bool canWait(const char *func, const ns_request *request)
 int32_t writeValue(const char *func, const ns_value *value)
 {
     ns_state_t newState = {};
-    const uint64_t version = currentVersion();
+    const uint64_t version = nas::readWord(s_nasctrlDpcNsStat.version);
     const int32_t ret = ns_set(s_nasctrlDpcNsHdl, kNsName, value, sizeof(*value), version, &newState);
     if (ret != 0) {
         LOG_CLASS_AS(func, 3, "NASCTRL_DPC:ns_set fail(%d).(ver:(%llu), seq(%llu) FL(%u).", ret, nas::llu(version),
@@ -128,7 +131,7 @@ int32_t writeValue(const char *func, const ns_value *value)
     }
     {
         const nas::SpinGuard guard(&s_dpcNsLock);
-        s_nasctrlDpcNsStat = newState;
+        setState(newState);
     }
     LOG_CLASS_AS(func, 1, "NASCTRL_DPC:ns_set(ver:%llu, seq(%llu), FL(%u), suc.", nas::llu(newState.version),
                  nas::llu(value->seq), value->FL);
@@ -213,7 +216,7 @@ void GetNasCtrlDpcNsCb(int32_t ret, const ns_info_t *info, void *request)
         LOG_NULL_VOID("info");
     } else {
         LOG_CLASS(1, "NASCTRL_DPC: Cm return ns info version(%llu), current version(%llu).",
-                  nas::llu(static_cast<uint64_t>(info->version)), nas::llu(currentVersion()));
+                  nas::llu(static_cast<uint64_t>(info->version)), nas::llu(nas::readWord(s_nasctrlDpcNsStat.version)));
         takeNewer(__func__, *info);
     }
     if (request != nullptr) {

@@ -379,7 +379,9 @@ uint32_t nas_get_lifport_name(uint64_t id, char *buf, uint32_t len)
     }
     kvos_rwlock_read_lock(&bucket->lock);
     const NasLifPortEntry *entry = findEntryById(bucket, id);
-    if (entry != nullptr && nas::strncpy_s(buf, len, entry->name, kNameMax) != 0) {
+    /* No more room is used than a name needs, because the copy clears what is left of it. */
+    const uint32_t room = std::min<uint32_t>(len, kNameMax + 1);
+    if (entry != nullptr && nas::strncpy_s(buf, room, entry->name, kNameMax) != 0) {
         /* The read hold stays, on purpose: from now on the bucket takes no change. */
         return NAS_ERROR;
     }

@@ -176,8 +176,7 @@ void nas_fmm_process_recover_callback(void *arg)
 
 void nas_fmm_process_recover_lwt(void *arg)
 {
-    notify_arg_t argument;
-    nas::memset_s(&argument, sizeof argument, 0, sizeof argument);
+    notify_arg_t argument = {};
     const int32_t ret = notifyCall(NOTIFY_MODULE_FMM, NAS_FMM_EVENT_NODE_RECOVER, &argument);
     if (ret != 0) {
         LOG_ERROR("Notify node recover failed(%d).", ret);

@@ -13,7 +13,6 @@
 #include <nasctrl/shard_view.h>
 #include <optional>
 
-#include "internal/bounded.h"
 #include "internal/fmm_notice.h"
 #include "internal/list.h"
 #include "internal/log.h"
@@ -53,8 +52,7 @@ constexpr int32_t kMoveBack = 1;
 /* Only FMM is told; word is the first 32 bits of the argument. */
 int32_t tellFmm(uint32_t event, uint32_t word)
 {
-    notify_arg_t argument;
-    nas::memset_s(&argument, sizeof argument, 0, sizeof argument);
+    notify_arg_t argument = {};
     argument.data = word;
     notifyCall(NOTIFY_MODULE_FMM, event, &argument);
     return 0;
@@ -148,7 +146,7 @@ void moveWrapper(void *lwtArg)
     auto *item = static_cast<vnode_move_item *>(lwtArg);
     nas_fmm_vnode_move_lwt_simulator(item);
     kvlwt_task_sem_up(static_cast<kvlwt_task_sem_t *>(item->job.sem), NASCTRL_LOG_MODULE, kWrapperName);
-    POOL_FREE(item);
+    nas_mem_comm_free(item, kWrapperName, __LINE__);
 }
 
 /* A zeroed item needs no more than its links, its function and the number that is not zero. */

@@ -7,15 +7,12 @@
 #include <nasctrl/fmm.h>
 #include <nasctrl/host/notify.h>
 
-#include "bounded.h"
-
 namespace nas {
 
 /* DLG is told before FMM, of the event and its data word. What they answer does not matter. */
 inline void tellDlgAndFmm(uint32_t event, uint64_t data)
 {
-    notify_arg_t argument;
-    memset_s(&argument, sizeof argument, 0, sizeof argument);
+    notify_arg_t argument = {};
     argument.data = data;
     notifyCall(NOTIFY_MODULE_DLG, event, &argument);
     notifyCall(NOTIFY_MODULE_FMM, event, &argument);

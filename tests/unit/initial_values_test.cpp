@@ -62,4 +62,10 @@ TEST(DpcAtLoad, IsZero)
     EXPECT_EQ(g_cmregls, 0U);
 }
 
+TEST(DpcAtLoad, HasNoTasks)
+{
+    EXPECT_EQ(g_nasDpcEventTaskList.head.next, &g_nasDpcEventTaskList.head);
+    EXPECT_EQ(g_nasDpcEventTaskList.head.prev, &g_nasDpcEventTaskList.head);
+}
+
 } // namespace

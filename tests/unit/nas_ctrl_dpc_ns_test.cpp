@@ -271,6 +271,19 @@ TEST_F(VersionNs, AValueWhoseLengthIsNotToldIsAWholeRecord)
     expectLocal(3, 9, 44);
 }
 
+TEST_F(VersionNs, ANewerValueIsTakenOverInOneHoldOfEachLock)
+{
+    const std::string bytes = bytesOf({3, 0, 44});
+    const ns_info_t info = {9, bytes.data(), 16, 0};
+    std::vector<std::string> held;
+    fake::duringLocks([&held](const std::string &func) {
+        held.push_back(func + " " + std::to_string(s_dpcNsLock.lock) + std::to_string(s_clusterVerinfo.lock.lock));
+    });
+    GetNasCtrlDpcNsCb(0, &info, nullptr);
+    EXPECT_THAT(held, ElementsAre("do_kvos_spinlock_lock 10", "do_kvos_spinlock_lock 11", "do_kvos_spinlock_unlock 11",
+                                  "do_kvos_spinlock_unlock 10"));
+}
+
 TEST_F(VersionNs, AValueNeedsNoAlignment)
 {
     const std::string bytes = "?" + bytesOf({3, 0, 44});

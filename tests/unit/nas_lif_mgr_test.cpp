@@ -572,6 +572,7 @@ TEST_F(LifName, OfTheLongestKindFitsWithItsEnd)
     const std::unique_ptr<char[]> name(new char[257]);
     EXPECT_EQ(nas_get_lifport_name(2, name.get(), 257), 0U);
     EXPECT_EQ(name.get(), longest);
+    EXPECT_EQ(nas_get_lifport_name(2, name.get(), 0xFFFFFFFF), 0U) << "no more is written than the longest name needs";
     EXPECT_EQ(nas_get_lifport_name(2, name.get(), 256), 1U);
     locksLeft_ = 1;
 }

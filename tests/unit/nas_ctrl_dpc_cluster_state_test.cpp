@@ -251,7 +251,7 @@ TEST_F(DpcState, ClientsThatLeftAreToldAsFaultsAndLoseTheirLocks)
                             "class 1 PROTOCOL: [DPC_HEART_BRK] Handle DPC heart break from CM,  lsid[9].",
                             "class 1 PROTOCOL: [DPC_HEART_BRK] Handle DPC heart break from CM,  lsid[7]."));
     EXPECT_EQ(fake::logFuncs()[0], "NasCtrlHandleDpcStateShrink");
-    EXPECT_EQ(fake::logLines()[0].file, "nas_ctrl_dpc_state.cpp");
+    EXPECT_EQ(fake::logLines()[0].file, "nas_ctrl_dpc_cluster_state.cpp");
     for (size_t i = 0; i < 3; ++i) {
         fake::runThread(i);
     }
