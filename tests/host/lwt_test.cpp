@@ -121,13 +121,14 @@ TEST_P(Lwt, KeepsALightWeightThreadOnItsOsThread)
 
 TEST_P(Lwt, StartsLightWeightThreadsFromLightWeightThreads)
 {
-    std::latch done(10);
+    std::latch done(10 + 1);
     std::function<void()> child = [&] { done.count_down(); };
     std::atomic<int32_t> failures = 0;
     std::function<void()> parent = [&] {
         for (int index = 0; index < 10; index++) {
             failures += start(child) != 0;
         }
+        done.count_down();
     };
     ASSERT_EQ(start(parent), 0);
     done.wait();

@@ -264,7 +264,7 @@ TEST_P(WorkQueues, TakeJobsFromTheirOwnJobs)
 {
     constexpr int kChildren = 20;
     void *queue = create(2, 2, kChildren);
-    std::latch done(kChildren);
+    std::latch done(kChildren + 1);
     std::atomic<int> refused = 0;
     Jobs children;
     for (int n = 0; n < kChildren; ++n) {
@@ -274,6 +274,7 @@ TEST_P(WorkQueues, TakeJobsFromTheirOwnJobs)
         for (const auto &child : children) {
             refused += enqueue(queue, *child) != 0;
         }
+        done.count_down();
     });
     ASSERT_EQ(enqueue(queue, parent), 0);
     done.wait();
