@@ -210,11 +210,12 @@ publish_at_once() {
 
 # ---- the shards
 
-# A node's LS for the file system part (FSP) of this tour.
+fsp=5 # the file system part (FSP) of this tour
+# A node's LS for it.
 fsp_place() { at "$1" shard fsp "$fsp" | awk '$1 == "LS" { print $2 }'; }
 fsp_is_at() { [ "$(fsp_place "$1")" = "$2" ]; }
 migrate_shards() {
-    local n home next fsp=5
+    local n home next
     title "The storage LS of FSP $fsp fails: the FSP moves to the next one on every node, and back"
     for n in "${nodes[@]}"; do on "$n" shard fsp "$fsp" --place; done
     home=$(fsp_place 1)
