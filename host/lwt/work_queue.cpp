@@ -136,7 +136,7 @@ public:
     {
         const std::lock_guard lock(mutex_);
         ++lent_;
-        if (jobs_.size() > 0) {
+        if (jobs_.size() > 0 && active() < bounds_.maxWorkers) {
             startWorker(nullptr);
         }
     }
@@ -240,6 +240,9 @@ private:
         waiter.wait();
         // Whoever woke this worker took it off the idle ones first, and nobody else knows it.
         worker.waiter = nullptr;
+        if (worker.job == nullptr) { // the queue was closed
+            leaveThread(worker);
+        }
         return std::exchange(worker.job, nullptr);
     }
 
