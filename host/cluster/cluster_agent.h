@@ -80,9 +80,8 @@ private:
     bool lookAfterClients_ = false; // a client's lease ended
 
     std::mutex applyLock_;
-    std::unique_ptr<StoreWatch> watch_; // of one life with the store: no command is lost between two
-    bool following_ = false;            // the watch's events continue the known view
-    uint64_t knownRevision_ = 0;        // of the store, when the known view was read or written
+    bool following_ = false;     // the watch's events continue the known view
+    uint64_t knownRevision_ = 0; // of the store, when the known view was read or written
     uint64_t fetches_ = 0;
     std::optional<DpcView> fetched_; // by the last fetch that began
     uint64_t fetchedRevision_ = 0;
@@ -95,6 +94,10 @@ private:
     bool connected_ = false;
     std::chrono::milliseconds lastContact_{0};
     std::shared_ptr<const DpcView> known_;
+
+    // Under applyLock_; of one life with the store, so that no command is lost between two. The last member, because
+    // its callback uses the others.
+    std::unique_ptr<StoreWatch> watch_;
 };
 
 } // namespace host
