@@ -35,6 +35,7 @@ protected:
     {
         host::StoreSettings settings;
         settings.file = directory_ + "/cluster.db";
+        settings.timeout = std::chrono::seconds(30); // a slow disk fails no test
         settings.clock = [this] { return std::chrono::milliseconds(now_); };
         host::startClusterStore(settings);
     }

@@ -118,6 +118,7 @@ protected:
     {
         host::StoreSettings settings;
         settings.file = file();
+        settings.timeout = std::chrono::seconds(30); // a slow disk fails no test
         host::startClusterStore(settings);
     }
     void createName() { host::clusterStore()->create(host::keyOfName(0, kName), std::string(32, '\0')); }

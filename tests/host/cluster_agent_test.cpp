@@ -142,6 +142,7 @@ protected:
         recorded::clear();
         host::StoreSettings settings;
         settings.file = dir.file("store.db");
+        settings.timeout = 30s; // a slow disk fails no test
         settings.clock = clock;
         store = host::openStore(settings);
     }

@@ -11,6 +11,7 @@
 using host::StoreResult;
 using store_test::EtcdBackend;
 using store_test::Events;
+using store_test::kPatient;
 using store_test::told;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -19,9 +20,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kPatient{30000};
-
-std::unique_ptr<host::Store> open(std::vector<std::string> endpoints, milliseconds timeout = milliseconds(2000))
+std::unique_ptr<host::Store> open(std::vector<std::string> endpoints, milliseconds timeout = kPatient)
 {
     host::StoreSettings settings;
     settings.endpoints = std::move(endpoints);
@@ -109,7 +108,7 @@ TEST(EtcdStore, AReadGoesToTheNextEndPointWhenOneHangs)
     EtcdBackend hanging;
     EtcdBackend etcd;
     open({etcd.endpoint()})->create("a", "one");
-    const auto store = open({hanging.endpoint(), etcd.endpoint()}, milliseconds(1000));
+    const auto store = open({hanging.endpoint(), etcd.endpoint()}, milliseconds(3000));
     hanging.hang();
     EXPECT_EQ(store->read("a").item.value, "one");
     hanging.goOn();
@@ -138,12 +137,12 @@ TEST(EtcdStore, AWriteToAnEndPointThatHangsIsUnknownAndMadeOnceWhenItIsMadeAgain
 {
     EtcdBackend etcd;
     const auto store = open({etcd.endpoint()}, milliseconds(300));
-    store->create("a", "one");
+    const auto patient = open({etcd.endpoint()});
+    patient->create("a", "one");
     etcd.hang();
     EXPECT_EQ(store->write("a", "two", 1).result, StoreResult::unknown);
     EXPECT_FALSE(store->status().reachable);
     etcd.goOn();
-    const auto patient = open({etcd.endpoint()});
     EXPECT_NE(patient->write("a", "two", 1).result, StoreResult::unknown);
     const auto found = patient->read("a");
     EXPECT_EQ(found.item.value, "two");
@@ -202,7 +201,7 @@ std::string behindTooMuch(const std::string &answer)
 TEST(EtcdStore, AnAnswerThatIsTooLargeIsUnknown)
 {
     const ScriptedEndpoint endpoint(http("200 OK", behindTooMuch(R"({"header":{"revision":"1"}})")));
-    const auto store = open({endpoint.url()}, kPatient);
+    const auto store = open({endpoint.url()});
     EXPECT_EQ(store->read("a").result, StoreResult::unknown);
     EXPECT_EQ(store->status().error, "cluster store " + endpoint.url() + ": the answer is too large");
 }
@@ -218,7 +217,7 @@ TEST(EtcdStore, AWatchAsksAnewWhenALineIsTooLong)
 {
     const std::string put = R"({"result":{"events":[{"kv":{"key":"YQ==","version":"1","mod_revision":"2"}}]}})";
     const ScriptedEndpoint endpoint({http("200 OK", behindTooMuch(put + "\n")), http("200 OK", put + "\n")});
-    const auto store = open({endpoint.url()}, kPatient);
+    const auto store = open({endpoint.url()});
     Events events;
     const auto watch = store->watch("", 0, events.callback());
     EXPECT_THAT(told(events.wait(1)).front(), "put a  v1");
@@ -241,7 +240,7 @@ TEST(EtcdStore, AWatchFromTheBeginningThatGotAheadTellsOfALoss)
     const std::string progress = R"({"result":{"header":{"revision":"5"}}})";
     const ScriptedEndpoint endpoint(
         {http("200 OK", progress + "\n" + compactedAt("9")), http("200 OK", compactedAt("20"))});
-    const auto store = open({endpoint.url()}, kPatient);
+    const auto store = open({endpoint.url()});
     Events events;
     const auto watch = store->watch("", 0, events.callback());
     EXPECT_EQ(events.wait(1).front().item.revision, 9U);

@@ -298,8 +298,8 @@ TEST_F(Modules, ListenOnAnAddedAddressUntilItIsDeleted)
 
 TEST_F(Modules, ListenOnTheirOwnPortsOfOneAddress)
 {
-    const uint16_t otherPort = Listener("127.0.0.1").port();
-    configure({{0, "nfs", {3}, port}, {5, "smb", {3}, otherPort}, {host::kLifSlot, "lif", {3}, freePort()}});
+    const Listener nfs("127.0.0.1"), smb("127.0.0.1"), lif("127.0.0.1"); // all at once, so that the ports differ
+    configure({{0, "nfs", {3}, nfs.port()}, {5, "smb", {3}, smb.port()}, {host::kLifSlot, "lif", {3}, lif.port()}});
 
     EXPECT_EQ(event(0, kAdd, "127.0.0.2"), 0U);
     EXPECT_EQ(event(host::kLifSlot, kAdd, "127.0.0.2"), 0U);

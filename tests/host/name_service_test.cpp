@@ -239,9 +239,7 @@ TYPED_TEST(NameServiceSuite, ATryIsNotMadeAgainWhileTheStoreDoesNotTellWhatBecam
 
 TYPED_TEST(NameServiceSuite, AStoreThatDoesNotTellIsATimeOutAndWorksAgainWhenItIsBack)
 {
-    auto settings = this->backend_.settings();
-    settings.timeout = std::chrono::milliseconds(300);
-    NameService names(host::openStore(settings));
+    NameService names(host::openStore(this->backend_.settings()));
     names.create(kKey, "first");
     this->backend_.takeAway();
     ns_state_t state{};

@@ -100,6 +100,7 @@ host::StoreSettings SqliteBackend::settings() const
     host::StoreSettings settings;
     settings.file = file();
     settings.remembered = kRemembered;
+    settings.timeout = kPatient;
     settings.clock = [now = now_] { return milliseconds(*now); };
     return settings;
 }
@@ -141,6 +142,7 @@ host::StoreSettings EtcdBackend::settings() const
 {
     host::StoreSettings settings;
     settings.endpoints = {endpoint_};
+    settings.timeout = kPatient;
     return settings;
 }
 

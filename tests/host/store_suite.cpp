@@ -440,9 +440,7 @@ TYPED_TEST(StoreSuite, AWriteStaysUnknownWhenTheStoreDoesNotTell)
 
 TYPED_TEST(StoreSuite, AStoreThatIsGoneAnswersUnknownAndWorksAgainWhenItIsBack)
 {
-    auto settings = this->backend_.settings();
-    settings.timeout = std::chrono::milliseconds(500);
-    const auto store = host::openStore(settings);
+    const auto store = host::openStore(this->backend_.settings());
     store->create("a", "one");
     const auto lease = store->grant(seconds(60));
     EXPECT_TRUE(store->status().reachable);
