@@ -108,7 +108,7 @@ TEST(EtcdStore, AReadGoesToTheNextEndPointWhenOneHangs)
     EtcdBackend hanging;
     EtcdBackend etcd;
     open({etcd.endpoint()})->create("a", "one");
-    const auto store = open({hanging.endpoint(), etcd.endpoint()}, milliseconds(3000));
+    const auto store = open({hanging.endpoint(), etcd.endpoint()}, milliseconds(8000));
     hanging.hang();
     EXPECT_EQ(store->read("a").item.value, "one");
     hanging.goOn();

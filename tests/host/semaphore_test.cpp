@@ -141,7 +141,8 @@ TEST_P(Semaphores, LetEveryWaiterGoOnWithUpsOfItsOwn)
     for (int n = 0; n < kWaiters; ++n) {
         waiting.push_back(std::make_unique<Runner>(waiter(), [&] {
             down(sem);
-            early += given < 2 * ++returned;
+            const int mine = ++returned;
+            early += given < 2 * mine;
         }));
     }
     const Runner waking(waker(), [&] {

@@ -130,6 +130,9 @@ void SqliteBackend::giveBack() const
 
 EtcdBackend::EtcdBackend() : endpoint_(freeUrl()), peer_(freeUrl())
 {
+    while (peer_ == endpoint_) {
+        peer_ = freeUrl();
+    }
     start();
 }
 

@@ -195,12 +195,12 @@ TYPED_TEST(StoreSuite, ALeaseThatIsRevokedTakesItsKeysWithIt)
 TYPED_TEST(StoreSuite, ALeaseThatIsNotKeptAliveEndsAndTakesItsKeysWithIt)
 {
     Events events;
-    const auto lease = this->store_->grant(seconds(1));
-    ASSERT_EQ(lease.ttl, seconds(1));
+    const auto lease = this->store_->grant(seconds(5));
+    ASSERT_EQ(lease.ttl, seconds(5));
     this->store_->create("b", "leased", lease.lease);
     this->store_->create("a", "leased", lease.lease);
     const auto watch = this->store_->watch("", this->store_->list("").revision, events.callback());
-    this->backend_.passTime(seconds(1));
+    this->backend_.passTime(seconds(5));
     const auto seen = events.wait(2);
     EXPECT_THAT(told(seen), ElementsAre("removed a", "removed b"));
     EXPECT_EQ(seen.at(0).item.revision, seen.at(1).item.revision);

@@ -25,7 +25,7 @@ protected:
         host::MessageSettings settings;
         settings.socketPath = dir_.file("message.sock");
         settings.storageSocketPath = dir_.file("storage.sock");
-        settings.storageTimeout = std::chrono::milliseconds(200);
+        settings.storageTimeout = std::chrono::seconds(1);
         host::startMessageService(settings);
     }
     ~Library() override { host::stopMessageService(); }
