@@ -26,7 +26,8 @@ std::optional<int32_t> commandType(const std::string &text)
 
 ClusterAgent::ClusterAgent(Store &store, const NodeLeaseSettings &settings, const SteadyClock &clock,
                            AgentListener &listener)
-    : store_(store), settings_(settings), clock_(clock), listener_(listener), lease_(store, settings, clock)
+    : store_(store), settings_(settings), clock_(clock), listener_(listener), lease_(store, settings, clock),
+      lastContact_(clock())
 {
 }
 

@@ -54,7 +54,7 @@ public:
     std::optional<uint32_t> master() const { return lease_.master(); }
     bool isMaster() const { return lease_.isMaster(); }
     bool isConnected() const;
-    std::chrono::milliseconds sinceContact() const;
+    std::chrono::milliseconds sinceContact() const; // or since its beginning, as long as there was none
     std::shared_ptr<const DpcView> known() const;
 
 private:
@@ -92,7 +92,7 @@ private:
     std::deque<StoreEvent> events_;
     bool stopped_ = false;
     bool connected_ = false;
-    std::chrono::milliseconds lastContact_{0};
+    std::chrono::milliseconds lastContact_; // or the agent's beginning
     std::shared_ptr<const DpcView> known_;
 
     // Under applyLock_; of one life with the store, so that no command is lost between two. The last member, because
