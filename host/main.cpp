@@ -7,6 +7,7 @@
 #include "storage/embedded.h"
 
 #include <common/ready.h>
+#include <common/signals.h>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
@@ -17,20 +18,10 @@ namespace {
 constexpr int kCannotStart = 1;
 constexpr int kUsage = 2;
 
-sigset_t handledSignals()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGHUP);
-    return signals;
-}
-
 // Before any thread exists, so that all of them inherit the mask and only waitForStop takes a signal.
 void prepareSignals()
 {
-    const sigset_t signals = handledSignals();
+    const sigset_t signals = common::handledSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 }
@@ -39,7 +30,7 @@ void prepareSignals()
 // process at once.
 void waitForStop()
 {
-    const sigset_t signals = handledSignals();
+    const sigset_t signals = common::handledSignals();
     int received = 0;
     while (sigwait(&signals, &received) == 0 && received == SIGHUP) {
         host::reloadEmbeddedStorage();

@@ -5,6 +5,7 @@
 #include "service.h"
 
 #include <common/ready.h>
+#include <common/signals.h>
 #include <csignal>
 #include <filesystem>
 #include <iostream>
@@ -13,16 +14,6 @@ namespace {
 
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
-
-sigset_t handledSignals()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-        sigaddset(&signals, signal);
-    }
-    return signals;
-}
 
 void tellReady(const storage::Options &options)
 {
@@ -37,7 +28,7 @@ void tellReady(const storage::Options &options)
 // Until a signal to stop; a second one has its default effect and ends the process at once.
 void serveSignals(storage::Service &service)
 {
-    const sigset_t signals = handledSignals();
+    const sigset_t signals = common::handledSignals();
     int received = 0;
     while (sigwait(&signals, &received) == 0 && received == SIGHUP) {
         service.reload();
@@ -65,7 +56,7 @@ void run(const storage::Options &options)
 int main(int argc, char **argv)
 {
     // Before any thread exists, so that all of them inherit the mask.
-    const sigset_t signals = handledSignals();
+    const sigset_t signals = common::handledSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
     try {

@@ -4,6 +4,7 @@
 #include "adapters/lif_table.h"
 
 #include "node.h"
+#include "platform/copy_text.h"
 
 #include <algorithm>
 #include <cstring>
@@ -12,6 +13,7 @@
 
 namespace {
 
+using host::copyText;
 using host::LifPort;
 
 constexpr size_t kNameSize = 64;
@@ -59,13 +61,6 @@ bool readArgument(const svr_msg_t &record, uint32_t &argument)
     }
     memcpy(&argument, static_cast<const char *>(record.buffer) + kArgumentOffset, sizeof(argument));
     return true;
-}
-
-// The rest of the field, at least its last byte, stays zero.
-template <size_t Size>
-void copyText(char (&field)[Size], const std::string &text)
-{
-    memcpy(field, text.data(), std::min(text.size(), Size - 1));
 }
 
 LifRow rowOf(const LifPort &port)

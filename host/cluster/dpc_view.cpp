@@ -1,5 +1,7 @@
 #include "cluster/dpc_view.h"
 
+#include "platform/copy_text.h"
+
 #include <algorithm>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -13,14 +15,6 @@ template <typename Clients>
 auto place(Clients &clients, uint32_t lsId)
 {
     return std::ranges::lower_bound(clients, lsId, {}, &DpcClient::lsId);
-}
-
-template <size_t Size>
-void copyText(char (&field)[Size], const std::string &text)
-{
-    const size_t length = std::min(text.size(), Size - 1);
-    std::memcpy(field, text.data(), length);
-    field[length] = '\0';
 }
 
 Json jsonOf(const DpcClient &client)

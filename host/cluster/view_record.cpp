@@ -1,8 +1,9 @@
 #include "cluster/view_record.h"
 
+#include "platform/copy_text.h"
+
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <nasctrl/version_ns.h>
 #include <new>
 
@@ -10,14 +11,6 @@ namespace host {
 namespace {
 
 constexpr const char *kAlias = "distributed parallel clients";
-
-template <size_t Size>
-void copyText(char (&field)[Size], const std::string &text)
-{
-    const size_t length = std::min(text.size(), Size - 1);
-    std::memcpy(field, text.data(), length);
-    field[length] = '\0';
-}
 
 } // namespace
 
