@@ -22,8 +22,11 @@ struct Refusal {
     const char *hint;
 };
 
+constexpr long kOk = 200;
+constexpr long kBadRequest = 400;
+
 constexpr Refusal kRefusals[] = {
-    {400, "refused by the node", ""},
+    {kBadRequest, "refused by the node", ""},
     {403, "refused by the node", "; run nasctl as the node's own user or as root"},
     {404, "not known to the node", ""},
     {405, "not offered by the node", "; node and nasctl are of different versions"},
@@ -51,7 +54,7 @@ size_t takeBody(const char *data, size_t size, size_t count, void *answer)
     return size * count;
 }
 
-// The node's own words for a refusal, or how many words it found.
+// The node's own words for a refusal; the HTTP status when it gave none.
 std::string errorText(long status, const std::string &answer)
 {
     const auto parsed = nlohmann::json::parse(answer, nullptr, false);
@@ -61,15 +64,15 @@ std::string errorText(long status, const std::string &answer)
     return "HTTP status " + std::to_string(status);
 }
 
-Failure refused(long status, const std::string &answer)
+std::string refusalText(long status, const std::string &answer)
 {
     for (const Refusal &refusal : kRefusals) {
         if (refusal.status == status) {
-            return Failure(std::string(refusal.what) + ": " + errorText(status, answer) + refusal.hint);
+            return std::string(refusal.what) + ": " + errorText(status, answer) + refusal.hint;
         }
     }
-    return Failure("the node answered in an unknown way: " + errorText(status, answer) +
-                   "; node and nasctl are of different versions");
+    return "the node answered in an unknown way: " + errorText(status, answer) +
+           "; node and nasctl are of different versions";
 }
 
 Failure strange(const std::string &socketPath, const std::string &why)
@@ -151,8 +154,11 @@ std::string AdminClient::call(const char *method, const std::string &path, const
     }
     long status = 0;
     curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
-    if (status != 200) {
-        throw refused(status, answer);
+    if (status == kBadRequest) {
+        throw Refused(refusalText(status, answer));
+    }
+    if (status != kOk) {
+        throw Failure(refusalText(status, answer));
     }
     if (!nlohmann::json::accept(answer)) {
         throw strange(session_.adminSocket, "no JSON");

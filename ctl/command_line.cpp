@@ -61,7 +61,7 @@ private:
     void defineFmm();
     void defineZone(CLI::App *hdfs, const std::string &name, const std::string &text);
 
-    CLI::App *recognised() const;
+    const CLI::App *recognised() const;
     std::string commandName() const;
     std::string helpHint() const;
     void checkWords() const;
@@ -73,9 +73,10 @@ private:
 };
 
 // Positional words and option values as they were typed, without the parser's own reading of them.
-void collectWords(CLI::App *command, const std::string &name, const std::string &text, Words &words, bool required)
+CLI::Option *collectWords(CLI::App *command, const std::string &name, const std::string &text, Words &words,
+                          bool required)
 {
-    command
+    return command
         ->add_option_function<Words>(
             name, [&words](const Words &typed) { words = typed; }, text)
         ->required(required)
@@ -182,9 +183,9 @@ void Grammar::defineLifPorts()
 {
     CLI::App *lif = family("lif", "The LIF ports of the node: ls, add, del, find, name");
     leaf(lif, "ls", "List the ports", listPorts);
-    CLI::App *add = leaf(lif, "add", "Add a port, or refresh it: ID NAME ADDRESS",
+    CLI::App *add = leaf(lif, "add", "Add a port, or refresh it",
                          [this](const Session &session) { return addPort(session, args_.words, args_.time); });
-    collectWords(add, "PORT", "Its id, name and address", args_.words, true);
+    collectWords(add, "ID NAME ADDRESS", "The port's id, its name and its address", args_.words, true);
     addText(add, "--time", args_.time, "Its time [the node's milliseconds]; an older one changes nothing", "T");
     CLI::App *del = leaf(lif, "del", "Delete the first port with an address",
                          [this](const Session &session) { return deletePort(session, *args_.address, args_.time); });
@@ -203,9 +204,9 @@ void Grammar::defineVpcs()
     CLI::App *vpc =
         family("vpc", "The networks of virtual private clouds: ls, add, lookup, check, clear, save, reload");
     leaf(vpc, "ls", "List the records in the order in which look-ups try them", listVpcs);
-    CLI::App *add = leaf(vpc, "add", "Add a network to a cloud: ID ADDRESS/LENGTH",
+    CLI::App *add = leaf(vpc, "add", "Add a network to a cloud",
                          [this](const Session &session) { return addVpc(session, args_.words); });
-    collectWords(add, "RECORD", "The cloud's id and the network", args_.words, true);
+    collectWords(add, "ID ADDRESS/LENGTH", "The cloud's id and the network", args_.words, true);
     CLI::App *lookup = leaf(vpc, "lookup", "The cloud that an address belongs to",
                             [this](const Session &session) { return lookUpVpc(session, *args_.address); });
     addText(lookup, "ADDR", args_.address, "IPv4 address", "")->required();
@@ -228,19 +229,19 @@ void Grammar::defineZone(CLI::App *hdfs, const std::string &name, const std::str
     addText(command, "--tenant-id", args_.tenantId, "Tenant [0]", "N");
 }
 
-struct PlainQuestion {
+struct NamedCommand {
     const char *name;
     const char *text;
 };
 
-constexpr PlainQuestion kPlainQuestions[] = {
+constexpr NamedCommand kNamedCommands[] = {
     {"zone", "The addresses of this node's zone"},
     {"node-ids", "The node ids of the global zone"},
     {"domain", "The zone's full domain name"},
     {"contacted", "The contacted zone's configuration"},
 };
 
-constexpr PlainQuestion kAddressQuestions[] = {
+constexpr NamedCommand kAddressQuestions[] = {
     {"conf", "The HDFS configuration behind an address"},
     {"tenant", "The tenant that owns an address"},
 };
@@ -249,13 +250,13 @@ void Grammar::defineQuestions()
 {
     CLI::App *hdfs = family("hdfs", "Questions to the storage-side service: conf, tenant, zone, node-ids, domain, "
                                     "contacted, neighbors, global-zone, subnet");
-    for (const PlainQuestion &row : kAddressQuestions) {
+    for (const NamedCommand &row : kAddressQuestions) {
         CLI::App *command = leaf(hdfs, row.name, row.text, [this, &row](const Session &session) {
             return askAboutAddress(session, row.name, *args_.address);
         });
         addText(command, "ADDR", args_.address, "IPv4 or IPv6 address", "")->required();
     }
-    for (const PlainQuestion &row : kPlainQuestions) {
+    for (const NamedCommand &row : kNamedCommands) {
         leaf(hdfs, row.name, row.text, [&row](const Session &session) { return askStorage(session, row.name); });
     }
     CLI::App *neighbours = leaf(hdfs, "neighbors", "The addresses of an LS's neighbours",
@@ -347,7 +348,7 @@ void Grammar::defineClients()
         ofLs("join", "Be a client: live until Ctrl-C, which leaves; kill -9 is a heart break",
              [this](const Session &session) { return joinCluster(session, *args_.id, args_.time, args_.words); });
     addText(join, "--ttl", args_.time, "Seconds that its lease lasts without a heart beat [3]", "SECONDS");
-    collectWords(join, "--attribute", "NAME=VALUE that other nodes shall see of it", args_.words, false);
+    collectWords(join, "--attribute", "That other nodes shall see of it", args_.words, false)->type_name("NAME=VALUE");
     ofLs("leave", "Take a client out of the view",
          [this](const Session &session) { return leaveCluster(session, *args_.id); });
     ofLs("kill", "Report that a client's process died",
@@ -369,15 +370,17 @@ void Grammar::defineLocks()
 {
     CLI::App *locks = family("locks", "The clients' file locks: ls, take, release");
     leaf(locks, "ls", "List the locks", listLocks);
-    CLI::App *take = leaf(locks, "take", "Take a lock for a client: FILE START LEN", [this](const Session &session) {
+    CLI::App *take = leaf(locks, "take", "Take a lock for a client", [this](const Session &session) {
         return takeLock(session, *args_.lsId, args_.words, args_.shared);
     });
     take->add_flag("--shared", args_.shared, "Others may share it; without it nobody may")->disable_flag_override();
-    collectWords(take, "RANGE", "The file, the first byte, and the length, 0 for up to the end", args_.words, true);
+    collectWords(take, "FILE START LEN", "The file, the first byte, and the length, 0 for up to the end", args_.words,
+                 true);
     CLI::App *release =
-        leaf(locks, "release", "Release a client's locks on FILE START LEN, or all of them",
+        leaf(locks, "release", "Release a client's locks on a range, or all of them",
              [this](const Session &session) { return releaseLocks(session, *args_.lsId, args_.words); });
-    collectWords(release, "RANGE", "The file, the first byte, and the length, 0 for up to the end", args_.words, false);
+    collectWords(release, "FILE START LEN", "The file, the first byte, and the length, 0 for up to the end",
+                 args_.words, false);
     for (CLI::App *command : {take, release}) {
         addText(command, "--ls", args_.lsId, "LS id of the client", "ID")->required();
     }
@@ -434,13 +437,13 @@ void Grammar::defineShardMoves(CLI::App *shard)
     addText(move, "--to", args_.to, "Where to", "LS")->required();
 }
 
-constexpr PlainQuestion kFmmEvents[] = {
+constexpr NamedCommand kFmmEvents[] = {
     {"shard-change", "Shards changed owner: FMM is told"},
     {"vnode-move-in", "A vnode moves in: DLG and then FMM are told"},
     {"vnode-move-out", "A vnode moves out: DLG and then FMM are told"},
 };
 
-constexpr PlainQuestion kFmmLsEvents[] = {
+constexpr NamedCommand kFmmLsEvents[] = {
     {"node-fault", "The storage node of an LS failed: FMM is told, and the shard policy"},
     {"node-recover", "It is back: FMM is told, its process reverted, and the shard policy told"},
 };
@@ -450,11 +453,11 @@ void Grammar::defineFmm()
     CLI::App *fmm = family("fmm", "Events of the FMM side by hand: status, shard-change, node-fault, node-recover, "
                                   "vnode-move-in, vnode-move-out");
     leaf(fmm, "status", "What was announced, and the processes that are faulty", showFmm);
-    for (const PlainQuestion &row : kFmmEvents) {
+    for (const NamedCommand &row : kFmmEvents) {
         leaf(fmm, row.name, row.text,
              [&row](const Session &session) { return sendFmmEvent(session, row.name, std::nullopt); });
     }
-    for (const PlainQuestion &row : kFmmLsEvents) {
+    for (const NamedCommand &row : kFmmLsEvents) {
         CLI::App *command = leaf(fmm, row.name, row.text, [this, &row](const Session &session) {
             return sendFmmEvent(session, row.name, args_.lsId);
         });
@@ -462,13 +465,13 @@ void Grammar::defineFmm()
     }
 }
 
-CLI::App *Grammar::recognised() const
+const CLI::App *Grammar::recognised() const
 {
     const CLI::App *command = &app_;
     while (!command->get_subcommands().empty()) {
         command = command->get_subcommands().front();
     }
-    return const_cast<CLI::App *>(command);
+    return command;
 }
 
 std::string Grammar::commandName() const
@@ -480,7 +483,7 @@ std::string Grammar::commandName() const
     return name;
 }
 
-Words subcommandNames(CLI::App *command)
+Words subcommandNames(const CLI::App *command)
 {
     Words names;
     for (const CLI::App *sub : command->get_subcommands([](const CLI::App *) { return true; })) {
@@ -489,7 +492,7 @@ Words subcommandNames(CLI::App *command)
     return names;
 }
 
-Words optionNames(CLI::App *command)
+Words optionNames(const CLI::App *command)
 {
     Words names;
     for (; command != nullptr; command = command->get_parent()) {
@@ -519,12 +522,12 @@ std::string Grammar::helpHint() const
 
 void Grammar::checkWords() const
 {
-    CLI::App *command = recognised();
+    const CLI::App *command = recognised();
     const Words commands = subcommandNames(command);
     const Words unknown = app_.remaining(true);
     if (unknown.empty()) {
         if (!commands.empty()) {
-            throw UsageFailure("which command? there are " + joined(commands));
+            throw UsageFailure("which command? choose from " + joined(commands));
         }
         return;
     }

@@ -26,6 +26,12 @@ public:
     explicit UsageFailure(const std::string &text) : Failure(text, kUsage) {}
 };
 
+// The node answered that it will not, so that asking again would change nothing.
+class Refused : public Failure {
+public:
+    explicit Refused(const std::string &text) : Failure(text) {}
+};
+
 // Prints the line "nasctl: COMMAND: TEXT".
 void reportError(const std::string &command, const std::string &text);
 

@@ -149,8 +149,8 @@ std::string resultText(int32_t result)
     if (result == -ENOENT) {
         return text + " (no such module)";
     }
-    // The smallest number has no counterpart above 0, and is no errno.
-    const bool isErrno = result < 0 && result != INT32_MIN;
+    // -1 is a handler's plain failure, and the smallest number has no counterpart above 0.
+    const bool isErrno = result < -1 && result != INT32_MIN;
     return isErrno ? text + " (" + std::strerror(-result) + ")" : text;
 }
 

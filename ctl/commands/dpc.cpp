@@ -41,6 +41,9 @@ Cell faultCell(const json &client)
 
 std::string clientTable(const json &clients, bool colour)
 {
+    if (clients.empty()) {
+        return "no clients\n";
+    }
     Table table({{"LS", Align::right}, {"STATE"}, {"LAST FAULT"}, {"FAULTS", Align::right}, {"SESSION"}, {"NODE"}});
     for (const json &client : clients) {
         table.add({shown(client.at("ls")), stateCell(client), faultCell(client), shown(client.at("faults")),
@@ -53,7 +56,7 @@ std::string viewText(const json &view, bool colour)
 {
     const std::string version = view.at("version").is_null() ? "none read yet" : shown(view.at("version")).text;
     return "view " + version + ", master " + masterCell(view.at("master")).text +
-           (view.at("connected").get<bool>() ? "\n" : ", cluster store out of reach\n") +
+           (view.at("connected").get<bool>() ? "\n" : ", no contact with the cluster\n") +
            clientTable(view.at("clients"), colour);
 }
 
@@ -76,7 +79,7 @@ std::string masterText(const json &answer, bool)
 {
     const json &master = answer.at("master");
     if (master.is_null()) {
-        return "the master is not known: the cluster store has not answered for " +
+        return "the master is not known: no contact with the cluster for " +
                std::to_string(answer.at("since_contact_ms").get<int64_t>() / 1000) + " s\n";
     }
     return "LS " + shown(master).text + (answer.at("is_master").get<bool>() ? ", this node\n" : "\n");
@@ -103,8 +106,8 @@ private:
     sigset_t set_{};
 };
 
-// Until a signal asks to leave. A node or store that does not answer is asked again as long as the lease may live; then
-// its last Failure ends the process.
+// Until a signal asks to leave. A refusal ends the process at once; a node or store that does not answer is asked again
+// as long as the lease may live, then its last Failure does.
 void stay(const Session &session, const std::string &lsId, const json &membership, const EndSignals &signals)
 {
     using Clock = std::chrono::steady_clock;
@@ -116,6 +119,8 @@ void stay(const Session &session, const std::string &lsId, const json &membershi
         try {
             node.post(path("keep/", lsId), {{"lease", membership.at("lease")}});
             renewed = begin;
+        } catch (const Refused &) {
+            throw;
         } catch (const Failure &) {
             if (Clock::now() - renewed > ttl) {
                 throw;
@@ -168,7 +173,7 @@ int joinCluster(const Session &session, const std::string &lsId, const std::opti
     std::fflush(stdout);
     stay(session, lsId, membership, signals);
     AdminClient(session).post(path("leave/", lsId), nullptr);
-    print(session.json ? "" : "LS " + lsId + " left\n");
+    print(session.json ? "" : "LS " + shown(membership.at("ls")).text + " left\n");
     return kDone;
 }
 

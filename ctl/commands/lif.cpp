@@ -19,13 +19,11 @@ static std::string portId(const std::string &text)
     return std::to_string(parseNumber("ID", text, 1, UINT64_MAX));
 }
 
-static json timeOf(const std::optional<std::string> &time)
+static void addTime(json &request, const std::optional<std::string> &time)
 {
-    if (!time) {
-        return {};
+    if (time) {
+        request["time"] = std::to_string(parseNumber("--time", *time, 0, UINT64_MAX));
     }
-    const uint64_t number = parseNumber("--time", *time, 0, UINT64_MAX);
-    return {{"time", std::to_string(number)}};
 }
 
 static std::string portTable(const json &ports, bool colour)
@@ -80,7 +78,7 @@ int addPort(const Session &session, const Words &port, const std::optional<std::
     }
     checkAddress(port[2]);
     json request = {{"id", portId(port[0])}, {"name", port[1]}, {"address", port[2]}};
-    request.update(time ? timeOf(time) : json::object());
+    addTime(request, time);
     const std::string answer = AdminClient(session).post("/v1/lif", request);
     present(session, answer, addedText);
     return kDone;
@@ -98,7 +96,9 @@ static std::string removedText(const json &answer, bool)
 int deletePort(const Session &session, const std::string &address, const std::optional<std::string> &time)
 {
     checkAddress(address);
-    const std::string answer = AdminClient(session).remove("/v1/lif/" + address, timeOf(time));
+    json request;
+    addTime(request, time);
+    const std::string answer = AdminClient(session).remove("/v1/lif/" + address, request);
     const json parsed = json::parse(answer);
     present(session, answer, removedText);
     if (parsed.at("removed").empty()) {

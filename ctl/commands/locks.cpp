@@ -67,13 +67,21 @@ int takeLock(const Session &session, const std::string &lsId, const Words &range
     return kDone;
 }
 
+// What the client still has.
+static std::string releasedText(const json &answer, const json &lsId, bool colour)
+{
+    const bool none = answer.at("locks").empty();
+    return none ? "LS " + shown(lsId).text + " holds no file locks\n" : lockTable(answer, colour);
+}
+
 int releaseLocks(const Session &session, const std::string &lsId, const Words &range)
 {
     json request = requestFor(lsId);
     if (!range.empty()) {
         addRange(session, request, range);
     }
-    present(session, AdminClient(session).remove("/v1/locks", request), lockTable);
+    present(session, AdminClient(session).remove("/v1/locks", request),
+            [&](const json &answer, bool colour) { return releasedText(answer, request.at("ls_id"), colour); });
     return kDone;
 }
 

@@ -38,10 +38,10 @@ std::optional<MonitorPass> lastMonitorPass()
 
 void beginMonitorPass()
 {
-    const bool afterFailure = std::atomic_ref(g_needRetry).load() != 0;
+    const bool hurried = std::atomic_ref(g_needRetry).load() != 0;
     const uint32_t period = std::atomic_ref(g_periodLength).load();
     const std::lock_guard hold(s_lock);
-    s_last = {!s_last, afterFailure, afterFailure ? kShortSleepSeconds : period, std::nullopt};
+    s_last = {!s_last, hurried, hurried ? kShortSleepSeconds : period, std::nullopt};
 }
 
 std::vector<NodeAddress> nodeAddresses()

@@ -12,9 +12,9 @@
 namespace host {
 
 struct MonitorPass {
-    bool first; // since the node started: it begins as if something had failed
-    // The monitor chooses its sleep by the flag as it stands when a pass begins, and sleeps after the pass.
-    bool afterFailure;
+    bool first; // since the node started: it begins hurried
+    // The monitor chooses its sleep by g_needRetry as it stands when a pass begins, and sleeps after the pass.
+    bool hurried;
     uint32_t sleepSeconds;
     std::optional<int32_t> queryResult; // nothing while the question is under way
 };

@@ -61,7 +61,7 @@ bool mayHaveKnown(const MonitorPass &pass)
 // One line, or null when nothing makes the monitor hurry.
 Json whyEarly(const std::optional<MonitorView> &view, bool retry, size_t failures)
 {
-    if (!retry && !(view && view->pass.afterFailure)) {
+    if (!retry && !(view && view->pass.hurried)) {
         return nullptr;
     }
     if (!view) {
@@ -97,7 +97,8 @@ Json nextPass(const std::optional<MonitorView> &view)
     if (!view) {
         return nullptr;
     }
-    return {{"in_ms", view->nextMs}, {"sleep_s", view->pass.sleepSeconds}, {"early", view->pass.afterFailure}};
+    const bool early = view->pass.hurried && view->pass.sleepSeconds < period();
+    return {{"in_ms", view->nextMs}, {"sleep_s", view->pass.sleepSeconds}, {"early", early}};
 }
 
 } // namespace

@@ -19,7 +19,7 @@ constexpr char kClients[] = " LS  STATE    LAST FAULT   FAULTS  SESSION        N
                             "  7  faulty   heart break       2  100            1\n"
                             "108  running  -                 0  1700000000000  2\n";
 
-constexpr char kNoClients[] = "LS  STATE  LAST FAULT  FAULTS  SESSION  NODE\n";
+constexpr char kNoClients[] = "no clients\n";
 
 constexpr char kClient[] =
     R"({"ls": 7, "state": "faulty", "last_fault": "heart break", "faults": 2, "session": "100", "node": 1,)"
@@ -41,7 +41,7 @@ const AnsweredRow kRows[] = {
      "GET /v1/view",
      "",
      R"({"version": null, "connected": false, "master": null, "clients": []})",
-     std::string("view none read yet, master not known, cluster store out of reach\n") + kNoClients},
+     std::string("view none read yet, master not known, no contact with the cluster\n") + kNoClients},
     {"Clients", {"dpc", "ls"}, "GET /v1/view", "", kView, kClients},
     {"Client",
      {"dpc", "show", "0x7"},
@@ -62,7 +62,7 @@ const AnsweredRow kRows[] = {
      "GET /v1/master",
      "",
      master("null", "false", "7999"),
-     "the master is not known: the cluster store has not answered for 7 s\n"},
+     "the master is not known: no contact with the cluster for 7 s\n"},
     {"Leave", {"dpc", "leave", "7"}, "POST /v1/dpc/leave/7", "", R"({"ls": 7})", "LS 7 left\n"},
     {"Kill",
      {"dpc", "kill", "7"},
@@ -139,15 +139,13 @@ TEST_F(Join, RenewsItsLeaseUntilThatHasEnded)
 {
     node_.answer(R"({"ls": 7, "session": "100", "lease": "55", "ttl_ms": 30})");
     node_.answer(R"({"ls": 7})");
-    for (int i = 0; i < 1000; ++i) {
-        node_.answer(R"({"error": "its lease has ended"})", 400);
-    }
+    node_.answer(R"({"error": "its lease has ended"})", 400);
     start({"7"});
 
     EXPECT_EQ(end(), 1);
     EXPECT_EQ(printed_, kJoined + std::string("nasctl: dpc join: refused by the node: its lease has ended\n"));
     const auto requests = node_.requests();
-    ASSERT_GE(requests.size(), 3U);
+    ASSERT_EQ(requests.size(), 3U);
     EXPECT_EQ(requests[0].body, R"({"attributes":[]})");
     EXPECT_EQ(requests[1].line, "POST /v1/dpc/keep/7 HTTP/1.1");
     EXPECT_EQ(requests[1].body, R"({"lease":"55"})");

@@ -172,7 +172,7 @@ const AnsweredRow kRows[] = {
      "DELETE /v1/locks",
      R"({"ls_id":12})",
      R"({"locks": []})",
-     "no file locks\n"},
+     "LS 12 holds no file locks\n"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Locks, AnsweredCommand, testing::ValuesIn(kRows), rowName);

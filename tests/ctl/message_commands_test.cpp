@@ -190,6 +190,7 @@ const ResultRow kResults[] = {
     {"UnknownModule", -2, "result -2 (no such module)"},
     {"TimedOutInside", -110, "result -110 (Connection timed out)"},
     {"HandlersOwn", 1, "result 1"},
+    {"HandlersFailure", -1, "result -1"},
     {"Smallest", INT32_MIN, "result -2147483648"},
 };
 

@@ -92,7 +92,7 @@ const AnsweredRow kRows[] = {
      "period     60 s\n"
      "last pass  7.0 s ago, the node's addresses could not be read (-110)\n"
      "next pass  due, 5 s after the last, early\n"
-     "then       5 s after it, early\n"
+     "then       5 s after it\n"
      "why early  the node's addresses could not be read (-110).\n"
      "\n"
      "ADDRESS   SLOT  MODULE  REASON\n"
@@ -105,7 +105,7 @@ const AnsweredRow kRows[] = {
      "period     1 s\n"
      "last pass  none yet\n"
      "next pass  at once\n"
-     "then       5 s after it, early\n"
+     "then       5 s after it\n"
      "why early  x\n"},
     {"MonitorDuringItsQuery",
      {"ip", "monitor"},

@@ -398,10 +398,20 @@ host::ModuleState module(unsigned slot, const std::string &name, std::vector<uin
 
 TEST_F(AdminQueries, TheMonitorShowsItsPeriodAndBothPasses)
 {
-    passed(1250, {.first = false, .afterFailure = false, .sleepSeconds = 60, .queryResult = 0});
+    passed(1250, {.first = false, .hurried = false, .sleepSeconds = 60, .queryResult = 0});
     EXPECT_EQ(get("/v1/monitor"), R"({"period_s":60,"last_pass":{"age_ms":1250,"result":0},)"
                                   R"("next_pass":{"in_ms":58750,"sleep_s":60,"early":false},)"
                                   R"("retry":false,"why":null,"failing":[]})");
+}
+
+TEST_F(AdminQueries, APassThatTheMonitorHurriesToIsNotEarlyWithAShorterPeriod)
+{
+    g_periodLength = 3;
+    g_needRetry = 1;
+    passed(1000, {.first = false, .hurried = true, .sleepSeconds = 5, .queryResult = 0});
+    EXPECT_EQ(get("/v1/monitor"), R"({"period_s":3,"last_pass":{"age_ms":1000,"result":0},)"
+                                  R"("next_pass":{"in_ms":4000,"sleep_s":5,"early":false},)"
+                                  R"("retry":true,"why":"an addition failed","failing":[]})");
 }
 
 TEST_F(AdminQueries, BeforeTheFirstPassTheMonitorHasNoneToShow)

@@ -32,7 +32,7 @@ TEST_F(MonitorPass, SleepsThePeriodWhenNothingHadFailed)
     askForAddresses();
     const auto pass = host::lastMonitorPass();
     ASSERT_TRUE(pass);
-    EXPECT_FALSE(pass->afterFailure);
+    EXPECT_FALSE(pass->hurried);
     EXPECT_EQ(pass->sleepSeconds, 42U);
     EXPECT_EQ(pass->queryResult, 0);
 }
@@ -43,7 +43,7 @@ TEST_F(MonitorPass, SleepsFiveSecondsWhenSomethingHadFailedBeforeIt)
     askForAddresses();
     const auto pass = host::lastMonitorPass();
     ASSERT_TRUE(pass);
-    EXPECT_TRUE(pass->afterFailure);
+    EXPECT_TRUE(pass->hurried);
     EXPECT_EQ(pass->sleepSeconds, 5U);
 }
 

@@ -25,7 +25,7 @@ public:
     {
         const support::Pipe out;
         out_ = out.read;
-        pid_ = support::spawn({NASCTL, "--root", node.root(), "dpc", "join", lsId, "--ttl", "1"},
+        pid_ = support::spawn({NASCTL, "--root", node.root(), "dpc", "join", lsId, "--ttl", "3"},
                               {.out = out.write, .err = out.write});
         close(out.write);
     }
@@ -219,7 +219,7 @@ TEST_F(OneNode, OutlivesAStoreThatIsGoneForAWhile)
     std::filesystem::rename(file, file + ".away");
 
     EXPECT_TRUE(Node::eventually([&] { return node_.json({"view"})["connected"] == false; }));
-    EXPECT_THAT(node_.ctl({"master"}).out, HasSubstr("the master is not known: the cluster store has not answered"));
+    EXPECT_THAT(node_.ctl({"master"}).out, HasSubstr("the master is not known: no contact with the cluster for "));
     EXPECT_EQ(stateOf(node_, 12), "running") << "the last that it knows";
     EXPECT_THAT(node_.ctl({"dpc", "join", "13"}).err, HasSubstr("the cluster store does not answer"));
 

@@ -18,7 +18,7 @@ TEST(FileLocks, AreTakenForClientsAndConflictsNameTheHolder)
     const auto refused = node.ctl({"locks", "take", "--ls", "13", "/a", "9", "0", "--shared"});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_EQ(refused.err, "nasctl: locks take: refused by the node: LS 12 holds exclusive bytes 0 to 9\n");
-    EXPECT_EQ(node.ctl({"locks", "release", "--ls", "12"}).out, "no file locks\n");
+    EXPECT_EQ(node.ctl({"locks", "release", "--ls", "12"}).out, "LS 12 holds no file locks\n");
     EXPECT_EQ(node.ctl({"locks", "take", "--ls", "13", "/a", "9", "0", "--shared"}).exitCode, 0);
     EXPECT_EQ(node.json({"locks", "ls"})["locks"][0]["ls_id"], 13);
     EXPECT_EQ(node.stop(SIGTERM), 0);
