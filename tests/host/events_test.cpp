@@ -8,14 +8,12 @@
 namespace {
 
 using host::allowEventWaits;
-using host::Event;
 using host::EventDetails;
 using host::EventPage;
 using host::kMaxEvents;
 using host::Move;
 using host::readEvents;
 using host::recordEvent;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;

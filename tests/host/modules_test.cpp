@@ -21,9 +21,7 @@
 #include <utility>
 
 using testing::ElementsAre;
-using testing::Field;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 namespace {
 

@@ -14,8 +14,6 @@
 namespace {
 
 using integration::Node;
-using integration::Outcome;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 // nasctl dpc join.

@@ -6,7 +6,6 @@
 using ip::hooks;
 using ip::listed;
 using ip::setHook;
-using testing::Each;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;

@@ -5,7 +5,6 @@
 
 using shard::Texts;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 

@@ -9,7 +9,6 @@ using shard::index;
 using shard::kNone;
 using shard::Texts;
 using testing::ElementsAre;
-using testing::ExitedWithCode;
 using testing::IsEmpty;
 using testing::KilledBySignal;
 
