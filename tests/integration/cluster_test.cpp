@@ -112,7 +112,7 @@ class OneNode : public testing::Test {
 protected:
     void SetUp() override
     {
-        node_.option("--lease", "1");
+        node_.option("--lease", "2");
         ASSERT_TRUE(node_.start()) << node_.startOutput();
         ASSERT_TRUE(connects(node_));
     }
@@ -268,7 +268,7 @@ protected:
         unsigned id = 0;
         for (Node *node : {&first_, &second_}) {
             node->option("--node-id", std::to_string(++id));
-            node->option("--lease", "1");
+            node->option("--lease", "2");
             node->option("--store", "sqlite:" + directory_.path() + "/cluster.db");
             ASSERT_TRUE(node->start()) << node->startOutput();
         }
