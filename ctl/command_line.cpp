@@ -169,7 +169,7 @@ void Grammar::defineAddresses()
                          [this](const Session &session) { return deleteAddresses(session, args_.words); });
     collectWords(add, "ADDR", "IPv4 or IPv6 addresses", args_.words, true);
     collectWords(del, "ADDR", "IPv4 or IPv6 addresses", args_.words, true);
-    CLI::App *monitor = leaf(ip, "monitor", "When the node looks at its addresses, and why early",
+    CLI::App *monitor = leaf(ip, "monitor", "When the node looks at its addresses, and what makes it hurry",
                              [this](const Session &session) { return showMonitor(session, args_.period); });
     addText(monitor, "--period", args_.period, "Set the time between two looks, 1 to 600 seconds", "N");
     CLI::App *explain = leaf(ip, "explain", "All that the node knows of an address",
@@ -234,7 +234,7 @@ struct NamedCommand {
     const char *text;
 };
 
-constexpr NamedCommand kNamedCommands[] = {
+constexpr NamedCommand kPlainQuestions[] = {
     {"zone", "The addresses of this node's zone"},
     {"node-ids", "The node ids of the global zone"},
     {"domain", "The zone's full domain name"},
@@ -256,7 +256,7 @@ void Grammar::defineQuestions()
         });
         addText(command, "ADDR", args_.address, "IPv4 or IPv6 address", "")->required();
     }
-    for (const NamedCommand &row : kNamedCommands) {
+    for (const NamedCommand &row : kPlainQuestions) {
         leaf(hdfs, row.name, row.text, [&row](const Session &session) { return askStorage(session, row.name); });
     }
     CLI::App *neighbours = leaf(hdfs, "neighbors", "The addresses of an LS's neighbours",

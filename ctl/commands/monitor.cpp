@@ -73,7 +73,7 @@ static std::string monitorText(const json &answer, bool colour)
     fields.add({{"last pass"}, lastPassCell(answer.at("last_pass"))});
     fields.add({{"next pass"}, nextPassCell(answer.at("next_pass"))});
     fields.add({{"then"}, {answer.at("retry") == true ? "5 s after it" : "a period after it"}});
-    fields.add({{"why early"}, {why.is_null() ? "-" : shown(why).text}});
+    fields.add({{"hurry"}, {why.is_null() ? "-" : shown(why).text}});
     return fields.render(colour) + failingTable(answer.at("failing"), colour);
 }
 

@@ -151,6 +151,31 @@ TEST_F(Join, RenewsItsLeaseUntilThatHasEnded)
     EXPECT_EQ(requests[1].body, R"({"lease":"55"})");
 }
 
+TEST_F(Join, AsksABusyNodeAgain)
+{
+    node_.answer(R"({"ls": 7, "session": "100", "lease": "55", "ttl_ms": 3000})");
+    node_.answer(R"({"error": "the cluster store does not answer"})", 503);
+    node_.answer(R"({"error": "its lease has ended"})", 400);
+    start({"7"});
+
+    EXPECT_EQ(end(), 1);
+    EXPECT_EQ(printed_, kJoined + std::string("nasctl: dpc join: refused by the node: its lease has ended\n"));
+    EXPECT_EQ(node_.requests().size(), 3U);
+}
+
+TEST_F(Join, EndsWhenNobodyAnswersForAsLongAsItsLeaseLives)
+{
+    node_.answer(R"({"ls": 7, "session": "100", "lease": "55", "ttl_ms": 30})");
+    for (int i = 0; i < 1000; ++i) {
+        node_.answer(R"({"error": "the cluster store does not answer"})", 503);
+    }
+    start({"7"});
+
+    EXPECT_EQ(end(), 1);
+    EXPECT_EQ(printed_, kJoined + std::string("nasctl: dpc join: the node is busy: the cluster store does not answer; "
+                                              "ask again\n"));
+}
+
 TEST_F(Join, EndsWhenItIsRefused)
 {
     node_.answer(R"({"error": "a process of LS 7 lives already"})", 400);

@@ -83,7 +83,7 @@ const AnsweredRow kRows[] = {
      "last pass  1.2 s ago\n"
      "next pass  in 58.7 s, 60 s after the last\n"
      "then       a period after it\n"
-     "why early  -\n"},
+     "hurry      -\n"},
     {"HurriedMonitor",
      {"ip", "monitor"},
      "GET /v1/monitor",
@@ -93,7 +93,7 @@ const AnsweredRow kRows[] = {
      "last pass  7.0 s ago, the node's addresses could not be read (-110)\n"
      "next pass  due, 5 s after the last, early\n"
      "then       5 s after it\n"
-     "why early  the node's addresses could not be read (-110).\n"
+     "hurry      the node's addresses could not be read (-110).\n"
      "\n"
      "ADDRESS   SLOT  MODULE  REASON\n"
      "10.0.0.1     1  hdfs    Address already in use\n"},
@@ -106,7 +106,7 @@ const AnsweredRow kRows[] = {
      "last pass  none yet\n"
      "next pass  at once\n"
      "then       5 s after it\n"
-     "why early  x\n"},
+     "hurry      x\n"},
     {"MonitorDuringItsQuery",
      {"ip", "monitor"},
      "GET /v1/monitor",
@@ -117,7 +117,7 @@ const AnsweredRow kRows[] = {
      "last pass  0.0 s ago, waits for the node's addresses\n"
      "next pass  at once\n"
      "then       a period after it\n"
-     "why early  -\n"},
+     "hurry      -\n"},
     {"NewPeriod",
      {"ip", "monitor", "--period", "0x1e"},
      "PUT /v1/monitor",
@@ -127,7 +127,7 @@ const AnsweredRow kRows[] = {
      "last pass  1.2 s ago\n"
      "next pass  in 58.7 s, 60 s after the last\n"
      "then       a period after it\n"
-     "why early  -\n"},
+     "hurry      -\n"},
     {"Explanation",
      {"ip", "explain", "10.0.0.1"},
      "GET /v1/ips/10.0.0.1",
